@@ -1,0 +1,217 @@
+#include "avi/avi_common.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "Log.h"
+
+namespace kelm_recvault::kelm_avi {
+
+namespace {
+
+constexpr uint32_t kMaxBytesPerSecond = 0x200000;
+constexpr uint32_t kHasIndexWasCapture = 0x10010;  // AVIF_HASINDEX | AVIF_WASCAPTUREFILE
+constexpr int64_t kMinFrameMicroseconds = 15000;
+constexpr int64_t kMaxFrameMicroseconds = 2000000;
+constexpr int64_t kMaxFileSpan = 3661;  // seconds; an entry further from the file's begin is damage
+
+constexpr uint32_t kSampleRate = 8000;
+constexpr uint32_t kAdpcmBlock = 164;
+constexpr uint16_t kFormatAdpcm = 0x11;  // WAVE_FORMAT_DVI_ADPCM
+constexpr uint16_t kFormatAlaw = 6;      // WAVE_FORMAT_ALAW
+constexpr uint16_t kFormatMulaw = 7;     // WAVE_FORMAT_MULAW
+
+RiffChunk chunk(uint32_t fcc, size_t size) { return {fcc, static_cast<uint32_t>(size)}; }
+
+WaveFormat adpcm_format() {
+    return {kFormatAdpcm, 1, kSampleRate, kSampleRate / 2, static_cast<uint16_t>(kAdpcmBlock), 4, 16, 0};
+}
+
+WaveFormat g711_format(uint8_t audio_codec) {
+    return {audio_codec == kAudioAlaw ? kFormatAlaw : kFormatMulaw, 1, kSampleRate, kSampleRate, 1, 8, 16, 0};
+}
+
+}  // namespace
+
+bool write_at(platform::File *stream, int64_t offset, const void *data, size_t size) {
+    if (stream->Seek(offset, platform::SeekFrom::begin) == offset && stream->Write(data, size) == size) return true;
+    LOG_TRACE();
+    return false;
+}
+
+bool write_int(platform::File *stream, int64_t offset, uint32_t value) {
+    return write_at(stream, offset, &value, sizeof(value));
+}
+
+void fill_avi_head(AviHead *head, uint32_t width, uint32_t height) {
+    *head = AviHead{};
+    head->riff = {kFccRiff, 0, kFccAvi};
+    head->hdrl = {kFccList, kMoviListPos - offsetof(AviHead, hdrl.type), kFccHdrl};
+    head->main_chunk = chunk(kFccAvih, sizeof(head->main));
+    head->main.microseconds_per_frame = 1000000 / kHeadFps;
+    head->main.max_bytes_per_second = kMaxBytesPerSecond;
+    head->main.flags = kHasIndexWasCapture;
+    head->main.streams = 1;
+    head->main.suggested_buffer_size = width * height * 3;
+    head->main.width = width;
+    head->main.height = height;
+    head->video_list = {kFccList, sizeof(uint32_t) + sizeof(VideoStream), kFccStrl};
+    head->video = make_video_stream(width, height, 0);
+    head->strn_chunk = chunk(kFccStrn, sizeof(RecSegStrn));
+    std::memcpy(head->strn.magic, "mlek", sizeof(head->strn.magic));
+    head->strn.codec = 1;
+    head->audio_list = {kFccList, sizeof(uint32_t) + sizeof(AudioStream), kFccStrl};
+    head->audio = make_audio_stream(0);
+    head->junk_chunk = chunk(kFccJunk, sizeof(head->junk));
+    head->movi = {kFccList, 0, kFccMovi};
+}
+
+VideoStream make_video_stream(uint32_t width, uint32_t height, int8_t codec_id) {
+    const uint32_t handler = codec_id == kCodecMjpeg ? kFccMjpg : kFccH264;
+    VideoStream stream{};
+    stream.header_chunk = chunk(kFccStrh, sizeof(stream.header));
+    stream.header.type = kFccVids;
+    stream.header.handler = handler;
+    stream.header.scale = kRateScale;
+    stream.header.rate = kHeadFps * kRateScale;
+    stream.header.suggested_buffer_size = width * height * 3;
+    stream.header.quality = -1;
+    stream.header.right = static_cast<uint16_t>(width);
+    stream.header.bottom = static_cast<uint16_t>(height);
+    stream.format_chunk = chunk(kFccStrf, sizeof(stream.format));
+    stream.format.size = sizeof(stream.format);
+    stream.format.width = width;
+    stream.format.height = height;
+    stream.format.planes = 1;
+    stream.format.bit_count = 24;
+    stream.format.compression = handler;
+    stream.format.image_size = (width * 24 + 31) / 32 * 4 * height;
+    return stream;
+}
+
+AudioStream make_audio_stream(uint8_t audio_codec) {
+    const bool g711 = audio_codec == kAudioAlaw || audio_codec == kAudioMulaw;
+    AudioStream stream{};
+    stream.header_chunk = chunk(kFccStrh, sizeof(stream.header));
+    stream.header.type = kFccAuds;
+    stream.header.handler = g711 ? kFccG711 : kFormatAdpcm;
+    stream.header.scale = g711 ? 1 : 320;
+    stream.header.rate = kSampleRate;
+    stream.header.length = g711 ? 325 : 0;  // a number for players that look before the close; patched then
+    stream.header.suggested_buffer_size = g711 ? 0x8000 : 0;
+    stream.header.quality = g711 ? 0 : -1;
+    stream.header.sample_size = g711 ? kSampleRate : kAdpcmBlock;
+    stream.format_chunk = chunk(kFccStrf, sizeof(stream.format));
+    stream.format = g711 ? g711_format(audio_codec) : adpcm_format();
+    return stream;
+}
+
+bool write_sizes(platform::File *stream, int32_t video_count, int32_t audio_count) {
+    const int64_t length = stream->Seek(0, platform::SeekFrom::end);
+    const auto video = static_cast<uint32_t>(video_count);
+    bool written = length >= kHeadSize;
+    written = write_int(stream, offsetof(AviHead, riff.size), static_cast<uint32_t>(length - 8)) && written;
+    written = write_int(stream, offsetof(AviHead, main.total_frames), video) && written;
+    written = write_int(stream, offsetof(AviHead, video.header.length), video) && written;
+    return write_int(stream, offsetof(AviHead, audio.header.length), static_cast<uint32_t>(audio_count)) && written;
+}
+
+void write_frame_rate(platform::File *stream, int64_t seconds, int64_t microseconds, int32_t frames) {
+    uint32_t usec_per_frame = 0;
+    uint32_t rate = 0;
+    if (cnt_interval_fps(seconds, microseconds, frames, &usec_per_frame, &rate) != KELM_AVIFILE_OK) return;
+    write_int(stream, offsetof(AviHead, main.microseconds_per_frame), usec_per_frame);
+    write_int(stream, offsetof(AviHead, video.header.rate), rate);
+}
+
+int32_t cnt_interval_fps(int64_t seconds, int64_t microseconds, int32_t frames, uint32_t *usec_per_frame, uint32_t *rate) {
+    if (frames < 1) {
+        LOG_ERR("fnum = %d\n", frames);
+        return KELM_AVIFILE_FAILED;
+    }
+    const int64_t average = (seconds * 1000000 + microseconds) / frames;
+    if (average < kMinFrameMicroseconds || average > kMaxFrameMicroseconds) {
+        LOG_WARN("avg time between two frame = %d us\n", static_cast<int32_t>(average));
+        return KELM_AVIFILE_FAILED;
+    }
+    constexpr int32_t kDigits = 4;
+    int32_t quotient = 0;
+    int32_t digits[kDigits] = {};
+    cnt_point_division(1000000, static_cast<int32_t>(average), &quotient, digits, kDigits);
+    *usec_per_frame = static_cast<uint32_t>(average);
+    *rate = static_cast<uint32_t>(cnt_point_multiply(static_cast<int32_t>(kRateScale), quotient, digits, kDigits));
+    return KELM_AVIFILE_OK;
+}
+
+int32_t cnt_point_division(int32_t dividend, int32_t divisor, int32_t *quotient, int32_t *digits, int32_t digit_cnt) {
+    if (divisor == 0) {
+        LOG_ERR("divisor: %d\n", divisor);
+        return KELM_AVIFILE_BAD_ARGUMENT;
+    }
+    *quotient = dividend / divisor;
+    int32_t remainder = dividend % divisor;
+    for (int32_t i = 0; i < digit_cnt; ++i) {
+        remainder *= 10;
+        digits[i] = remainder / divisor;
+        remainder %= divisor;
+    }
+    return KELM_AVIFILE_OK;
+}
+
+int32_t cnt_point_multiply(int32_t factor, int32_t quotient, const int32_t *digits, int32_t digit_cnt) {
+    int32_t product = factor * quotient;
+    int32_t divisor = 10;
+    for (int32_t i = 0; i < digit_cnt; ++i, divisor *= 10) product += digits[i] * factor / divisor;
+    return product;
+}
+
+int32_t get_recinfo_of_entries(const RecSegEntry *entries, int32_t count, uint32_t *rec_type, int64_t *begin_sec,
+                               int64_t *end_sec) {
+    if (entries == nullptr || count < 1) {
+        LOG_TRACE();
+        return KELM_AVIFILE_FAILED;
+    }
+    *rec_type = 0;
+    *begin_sec = entries[0].begin_sec;
+    *end_sec = entries[0].end_sec;
+    for (int32_t i = 0; i < count; ++i) {
+        *rec_type |= entries[i].rec_type;
+        if (entries[i].end_sec > *end_sec && entries[i].end_sec - *begin_sec < kMaxFileSpan) *end_sec = entries[i].end_sec;
+    }
+    return KELM_AVIFILE_OK;
+}
+
+int32_t copy_recseg_info(const RecSegStrn &table, RecSegEntry *entries, int32_t *count) {
+    if (table.rec_seg_cnt < 1 || table.rec_seg_cnt > std::min(*count, kMaxSegments)) {
+        LOG_ERR("m_recseg_strn.rec_seg_cnt = %d, rec_seg_cnt = %d\n", table.rec_seg_cnt, *count);
+        *count = 0;
+        return KELM_AVIFILE_FAILED;
+    }
+    *count = 0;
+    for (int32_t i = 0; i < table.rec_seg_cnt; ++i) {
+        const RecSegEntry entry = table.segments[i];
+        // The difference of wild values may not fit; as unsigned numbers it is right where the order is.
+        const uint64_t span = static_cast<uint64_t>(entry.end_sec) - static_cast<uint64_t>(entry.begin_sec);
+        if (entry.begin_sec > entry.end_sec || span >= static_cast<uint64_t>(kMaxFileSpan)) {
+            LOG_WARN("rec_seg error, i = %d, begin_sec = %d, end_sec = %d \n", i, static_cast<int32_t>(entry.begin_sec),
+                     static_cast<int32_t>(entry.end_sec));
+            continue;
+        }
+        entries[(*count)++] = entry;
+    }
+    return KELM_AVIFILE_OK;
+}
+
+int32_t sum_data_size(const RecSegStrn &table, int64_t begin, int64_t end, uint32_t mask) {
+    if (table.key_frame_cnt < 1 || table.key_frame_cnt > kMaxKeyFrames) return 0;
+    int64_t total = 0;
+    for (int32_t i = 0; i < table.key_frame_cnt; ++i) {
+        const KeyFrameEntry &entry = table.key_frames[i];
+        const int64_t second = entry.second;
+        if (second > end) break;
+        if (second >= begin && (entry.rec_type & mask) != 0) total += entry.length;
+    }
+    return static_cast<int32_t>(std::min<int64_t>(total, INT32_MAX));
+}
+
+}  // namespace kelm_recvault::kelm_avi

@@ -1,0 +1,42 @@
+// What the writer, the reader and the repair of record files share. Free functions without state.
+#pragma once
+
+#include <cstdint>
+
+#include "avi/avi_format.h"
+#include "platform/file.h"
+
+namespace kelm_recvault::kelm_avi {
+
+// Writes at a place of the head; told on the log when it fails.
+bool write_at(platform::File *stream, int64_t offset, const void *data, size_t size);
+bool write_int(platform::File *stream, int64_t offset, uint32_t value);
+
+// The head as it stands in a new file, in the fields that do not depend on frames.
+void fill_avi_head(AviHead *head, uint32_t width, uint32_t height);
+VideoStream make_video_stream(uint32_t width, uint32_t height, int8_t codec_id);
+// The stream of IMA ADPCM, or of G.711 for kAudioAlaw and kAudioMulaw.
+AudioStream make_audio_stream(uint8_t audio_codec);
+
+// Writes the RIFF size, from the file's length, and the numbers of frames.
+bool write_sizes(platform::File *stream, int32_t video_count, int32_t audio_count);
+// Writes the measured frame rate; leaves it alone when it is out of bounds.
+void write_frame_rate(platform::File *stream, int64_t seconds, int64_t microseconds, int32_t frames);
+
+// Recorded time and frames to the two frame-rate fields of the head. FAILED, nothing stored, for no frames, or when the
+// average lies outside 15000 to 2000000 microseconds.
+int32_t cnt_interval_fps(int64_t seconds, int64_t microseconds, int32_t frames, uint32_t *usec_per_frame, uint32_t *rate);
+// Integer quotient and decimal digits. BAD_ARGUMENT for a divisor of 0.
+int32_t cnt_point_division(int32_t dividend, int32_t divisor, int32_t *quotient, int32_t *digits, int32_t digit_cnt);
+int32_t cnt_point_multiply(int32_t factor, int32_t quotient, const int32_t *digits, int32_t digit_cnt);
+
+// Time range and union of the types of a file's segments. FAILED for no entries.
+int32_t get_recinfo_of_entries(const RecSegEntry *entries, int32_t count, uint32_t *rec_type, int64_t *begin_sec,
+                               int64_t *end_sec);
+// Copies the valid segments of a table. `count` is the room, and then the number copied; 0 and FAILED when the table is
+// empty or does not fit.
+int32_t copy_recseg_info(const RecSegStrn &table, RecSegEntry *entries, int32_t *count);
+// Bytes of a table's key-frame intervals that begin in a range and share a type with the mask.
+int32_t sum_data_size(const RecSegStrn &table, int64_t begin, int64_t end, uint32_t mask);
+
+}  // namespace kelm_recvault::kelm_avi
