@@ -1,0 +1,232 @@
+#include "Disk.h"
+
+#include <recvault/recvault.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "Crossing.h"
+#include "FileManager.h"
+#include "Log.h"
+#include "Text.h"
+
+namespace kelm_recvault {
+
+namespace {
+
+constexpr size_t kDayLength = 8;
+constexpr size_t kTreeSuffixLength = 7;  // "avi_av/"
+constexpr size_t kMinPathLength = 5;
+constexpr uint32_t kMinFileLimit = 32 * kMiB;
+constexpr uint32_t kMaxFileLimit = kGiB;
+
+int32_t to_mb(uint64_t bytes) { return static_cast<int32_t>(bytes / kMiB); }
+
+}  // namespace
+
+int32_t CDisk::Initialize(int32_t idx, const DiskConfig &config, const char *folder) {
+    if (idx < 0 || idx >= kMaxPartitions || config.rec_space == 0 || folder == nullptr) {
+        LOG_INFO("index = %d, nRecTotalSpace = %d MB\n", idx, to_mb(config.rec_space));
+        return KELM_AVIFILE_BAD_ARGUMENT;
+    }
+    m_nDiskIdx = idx;
+    copy_text(m_acRecFolder, folder);
+    LOG_INFO("%s: max_save_hour = %d, priority = %d \n", m_acRecFolder, static_cast<int32_t>(config.max_save_hour),
+             config.priority);
+    if (LockRoot() != KELM_AVIFILE_OK) return KELM_AVIFILE_FAILED;
+    for (CMutex *mutex : {&m_mtxRecIdx, &m_mtxSpace, &m_mtxDelete}) {
+        const int32_t created = mutex->Create();
+        if (created == KELM_AVIFILE_OK) continue;
+        LOG_TRACE();
+        Destroy();
+        return created;
+    }
+    const CAutoMutex lock(&m_mtxSpace);
+    m_space = Space{config, 0, CalcReserveSpace(config.rec_space)};
+    LOG_INFO("%s: record can use space = %ld MB, record used space = %ld MB\n", m_acRecFolder,
+             static_cast<long>(config.rec_space / kMiB), 0L);
+    return KELM_AVIFILE_OK;
+}
+
+// Two processes on one tree would delete and number each other's files. A root that is not there is nobody's.
+int32_t CDisk::LockRoot() {
+    if (platform::lock_folder(RootPath().c_str(), &m_root_lock) != platform::FolderLock::held_elsewhere)
+        return KELM_AVIFILE_OK;
+    LOG_ERR("%s is in use by another process\n", m_acRecFolder);
+    return KELM_AVIFILE_FAILED;
+}
+
+int32_t CDisk::Destroy() {
+    if (m_mtxRecIdx.IsCreated()) {
+        const CAutoMutex lock(&m_mtxRecIdx);
+        m_mapRecIdx.clear();
+    }
+    m_mtxRecIdx.Close();
+    m_mtxSpace.Close();
+    m_mtxDelete.Close();
+    platform::unlock_folder(m_root_lock);
+    m_root_lock = -1;
+    m_nDiskIdx = -1;
+    m_acRecFolder[0] = '\0';
+    return KELM_AVIFILE_OK;
+}
+
+void CDisk::SetConfig(const DiskConfig &config) {
+    const CAutoMutex lock(&m_mtxSpace);
+    m_space.config.rec_space = config.rec_space;
+    m_space.config.max_save_hour = config.max_save_hour;
+    m_space.config.priority = config.priority;
+}
+
+CDisk::Space CDisk::GetSpace() {
+    const CAutoMutex lock(&m_mtxSpace);
+    return m_space;
+}
+
+int32_t CDisk::GetPriority() { return GetSpace().config.priority; }
+
+bool CDisk::CanRecycle() { return GetSpace().config.max_save_hour != kNeverRecycle; }
+
+uint64_t CDisk::CalcReserveSpace(uint64_t rec_space) {
+    if (rec_space < 64 * kMiB) return 64 * kMiB;
+    if (rec_space <= kGiB) return rec_space / 15 + 5 * kMiB;
+    if (rec_space <= 50 * kGiB) return (rec_space - kGiB) / 26 + 70 * kMiB;
+    return (rec_space - 50 * kGiB) / 100 + 2 * kGiB;
+}
+
+uint32_t CDisk::GetMaxRecFileSize() {
+    const uint64_t quarter = GetSpace().config.rec_space / 4;
+    return static_cast<uint32_t>(std::clamp<uint64_t>(quarter, kMinFileLimit, kMaxFileLimit));
+}
+
+std::string CDisk::RootPath() const {
+    const size_t length = std::strlen(m_acRecFolder);
+    return std::string(m_acRecFolder, length - std::min(length, kTreeSuffixLength));
+}
+
+// The root and not the record tree, which may not exist yet.
+bool CDisk::IsDiskExist() const {
+    const std::string root = RootPath();
+    if (root.empty()) {
+        LOG_WARN("m_acRecFolder = %s, len = %d\n", m_acRecFolder, static_cast<int32_t>(std::strlen(m_acRecFolder)));
+        return false;
+    }
+    return CFileManager::file_exists(root.c_str());
+}
+
+int32_t CDisk::GetDiskSpace(uint64_t *total, uint64_t *free_bytes) const {
+    *total = *free_bytes = 0;
+    if (!platform::volume_space(RootPath().c_str(), total, free_bytes)) {
+        LOG_TRACE();
+        return KELM_AVIFILE_FAILED;
+    }
+    return KELM_AVIFILE_OK;
+}
+
+uint64_t CDisk::GetRecUsedSpace() {
+    const int64_t open_files = ask_recording::GetCurRecFileSize(m_nDiskIdx);
+    return GetSpace().used + static_cast<uint64_t>(open_files);
+}
+
+bool CDisk::IsDiskFull(bool check_real_free) {
+    if (!IsDiskExist()) return true;
+    const Space space = GetSpace();
+    const uint64_t used = GetRecUsedSpace();
+    if (used >= space.config.rec_space || space.config.rec_space - used < space.reserve) return true;
+    if (used >= space.config.disk_space || space.config.disk_space - used <= space.reserve) return true;
+    if (!check_real_free) return false;
+    uint64_t total = 0;
+    uint64_t free_bytes = 0;
+    return GetDiskSpace(&total, &free_bytes) != KELM_AVIFILE_OK || free_bytes <= space.reserve;
+}
+
+void CDisk::AddRecUsedSpace(uint64_t bytes) {
+    const CAutoMutex lock(&m_mtxSpace);
+    m_space.used += bytes;
+}
+
+void CDisk::DecRecUsedSpace(uint64_t bytes) {
+    const CAutoMutex lock(&m_mtxSpace);
+    if (bytes <= m_space.used) m_space.used -= bytes;
+}
+
+int32_t CDisk::GetRecIdxObj(CRecIndex *out, const std::string &day, bool create) {
+    const CAutoMutex lock(&m_mtxRecIdx);
+    auto found = m_mapRecIdx.find(day);
+    if (found == m_mapRecIdx.end()) {
+        if (!create) return KELM_AVIFILE_FAILED;
+        found = m_mapRecIdx.emplace(day, CRecIndex()).first;
+        found->second.set_vlist_fname((m_acRecFolder + day).c_str());
+    }
+    *out = found->second;
+    return KELM_AVIFILE_OK;
+}
+
+int32_t CDisk::GetDayOfPath(const std::string &path, std::string *day) const {
+    const size_t root_length = std::strlen(m_acRecFolder);
+    if (!path.starts_with(m_acRecFolder) || path.size() < root_length + kDayLength) {
+        LOG_ERR("file_path = %s, m_acRecFolder = %s\n", path.c_str(), m_acRecFolder);
+        return KELM_AVIFILE_FAILED;
+    }
+    *day = path.substr(root_length, kDayLength);
+    return KELM_AVIFILE_OK;
+}
+
+int32_t CDisk::AddRecNodeInfo(const RecFileNode &node, bool is_new) {
+    RecFileNode entry = node;
+    const size_t length = strnlen(entry.rec_file_path, sizeof(entry.rec_file_path));
+    if (length < kMinPathLength || length > kMaxPath) {
+        LOG_ERR("recfile.rec_file_path = %.255s, len = %d\n", node.rec_file_path, static_cast<int32_t>(length));
+        return KELM_AVIFILE_FAILED;
+    }
+    CFileManager::path_to_slash(entry.rec_file_path);
+    std::string day;
+    if (GetDayOfPath(entry.rec_file_path, &day) != KELM_AVIFILE_OK) return KELM_AVIFILE_FAILED;
+    CRecIndex index;
+    GetRecIdxObj(&index, day, true);
+    if (is_new) {
+        index.insert_file_node(entry);
+        return KELM_AVIFILE_OK;
+    }
+    bool deleted = false;
+    index.update_file_node(entry, &deleted);
+    if (!deleted && entry.file_size > 0) AddRecUsedSpace(static_cast<uint64_t>(entry.file_size));
+    return KELM_AVIFILE_OK;
+}
+
+int32_t CDisk::DelRecFilePair(const char *path) {
+    const int32_t deleted = CFileManager::delete_avi_file(path);
+    if (deleted != KELM_AVIFILE_OK) return deleted;
+    CFileManager::delete_avi_file((std::string(path) + kSideSuffix).c_str());
+    return KELM_AVIFILE_OK;
+}
+
+int32_t CDisk::DelRecFile(const char *path) {
+    const CAutoMutex lock(&m_mtxDelete);
+    std::string day;
+    if (GetDayOfPath(path, &day) != KELM_AVIFILE_OK) return KELM_AVIFILE_FAILED;
+    // Asked before the file goes: its folder may take the index along.
+    const RecordedSize recorded = CRecIndex::find_recorded_size(path);
+    const int32_t size = recorded.known ? recorded.bytes : CFileManager::get_file_size(path);
+    if (DelRecFilePair(path) != KELM_AVIFILE_OK) return KELM_AVIFILE_FAILED;
+    DecRecUsedSpace(static_cast<uint64_t>(std::max(size, 0)));
+    CRecIndex index;
+    if (GetRecIdxObj(&index, day, false) != KELM_AVIFILE_OK) {
+        LOG_TRACE();
+        return KELM_AVIFILE_FAILED;
+    }
+    if (recorded.known) index.delete_file_node(path);
+    return DelEmptyDay(day);
+}
+
+int32_t CDisk::DelEmptyDay(const std::string &day) {
+    CRecIndex index;
+    if (GetRecIdxObj(&index, day, false) != KELM_AVIFILE_OK) return KELM_AVIFILE_FAILED;
+    if (!index.check_rec_dir(kAllDevices)) {
+        const CAutoMutex lock(&m_mtxRecIdx);
+        m_mapRecIdx.erase(day);
+    }
+    return KELM_AVIFILE_OK;
+}
+
+}  // namespace kelm_recvault

@@ -1,0 +1,156 @@
+#include "RecDevManager.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "GlobalObj.h"
+#include "Log.h"
+
+namespace kelm_recvault {
+
+namespace {
+constexpr int32_t kSweepPeriod = 600000;  // milliseconds
+}
+
+int32_t CRecDevMngr::Initialize() {
+    m_ids.Init(kSlots);
+    m_create_lock.Create();
+    int32_t none = 0;
+    m_ids.CreateHandle(&none, true);
+    // Without the sweep an idle channel's file stays open until its next key frame; everything else works.
+    if (m_thread.Start(this, 0, kSweepPeriod, "rcvt-sweep") != KELM_AVIFILE_OK) LOG_TRACE();
+    return KELM_AVIFILE_OK;
+}
+
+int32_t CRecDevMngr::Destroy() {
+    m_thread.Stop();
+    for (uint32_t dev_idx = 1; dev_idx < static_cast<uint32_t>(kSlots); ++dev_idx) {
+        if (IsRegistered(dev_idx)) DestroyDev(dev_idx);
+    }
+    m_create_lock.Close();
+    m_ids.Destroy();
+    return KELM_AVIFILE_OK;
+}
+
+int32_t CRecDevMngr::CreateDev(int32_t *dev_idx, const char *name) {
+    const CAutoMutex lock(&m_create_lock);
+    const int32_t known = GetDevIdx(name);
+    if (known >= 1) {
+        LOG_TRACE();
+        *dev_idx = known;
+        return KELM_AVIFILE_EXISTS;
+    }
+    int32_t number = 0;
+    if (m_ids.CreateHandle(&number, true) != KELM_AVIFILE_OK) {
+        LOG_TRACE();
+        return KELM_AVIFILE_NO_SLOT;
+    }
+    auto &device = m_devices[static_cast<size_t>(number)];
+    if (!device) device.emplace();
+    device->SetDevInfo(static_cast<uint32_t>(number), name);
+    m_ids.SetHandleBusy(number);
+    *dev_idx = number;
+    return KELM_AVIFILE_OK;
+}
+
+int32_t CRecDevMngr::Find(uint32_t dev_idx, CStorageChMngr **device) {
+    if (dev_idx >= static_cast<uint32_t>(kSlots)) {
+        LOG_TRACE();
+        return KELM_AVIFILE_BAD_ARGUMENT;
+    }
+    if (!IsRegistered(dev_idx)) {
+        LOG_TRACE();
+        return KELM_AVIFILE_NOT_RUNNING;
+    }
+    *device = &*m_devices[dev_idx];
+    return KELM_AVIFILE_OK;
+}
+
+// The number is taken out of use first: of two that end one device one alone goes on, and nobody starts a channel behind it.
+int32_t CRecDevMngr::DestroyDev(uint32_t dev_idx) {
+    CStorageChMngr *device = nullptr;
+    const int32_t found = Find(dev_idx, &device);
+    if (found != KELM_AVIFILE_OK) return found;
+    const auto number = static_cast<int32_t>(dev_idx);
+    if (!m_ids.TakeOutOfUse(number)) return KELM_AVIFILE_NOT_RUNNING;
+    device->StopAllRec();
+    m_ids.DestroyHandle(number);
+    return KELM_AVIFILE_OK;
+}
+
+int32_t CRecDevMngr::GetDevName(uint32_t dev_idx, char *name, uint32_t size) {
+    std::memset(name, 0, size);
+    if (dev_idx >= static_cast<uint32_t>(kSlots)) {
+        LOG_TRACE();
+        return KELM_AVIFILE_FAILED;
+    }
+    if (!IsRegistered(dev_idx)) return KELM_AVIFILE_NOT_RUNNING;
+    char text[CDevName::kSize];
+    m_devices[dev_idx]->GetDevName().Get(text);
+    if (size > 0) std::memcpy(name, text, std::min<size_t>(size - 1, sizeof(text) - 1));
+    return KELM_AVIFILE_OK;
+}
+
+int32_t CRecDevMngr::GetDevIdx(const char *path) {
+    if (path == nullptr || path[0] == '\0') {
+        LOG_TRACE();
+        return 0;
+    }
+    char name[CDevName::kSize];
+    for (int32_t dev_idx = 1; dev_idx < kSlots; ++dev_idx) {
+        if (GetDevName(static_cast<uint32_t>(dev_idx), name, sizeof(name)) != KELM_AVIFILE_OK) continue;
+        if (name[0] != '\0' && std::strstr(path, name) != nullptr) return dev_idx;
+    }
+    return 0;
+}
+
+int32_t CRecDevMngr::StartRec(uint32_t dev_idx, uint32_t channel, uint32_t mask) {
+    CStorageChMngr *device = nullptr;
+    int32_t result = Find(dev_idx, &device);
+    if (result != KELM_AVIFILE_OK) return result;
+    result = device->StartRec(channel, mask);
+    // The device was released meanwhile, and this channel perhaps already passed over.
+    if (result == KELM_AVIFILE_OK && !IsRegistered(dev_idx)) {
+        device->StopRec(channel);
+        return KELM_AVIFILE_NOT_RUNNING;
+    }
+    return result;
+}
+
+int32_t CRecDevMngr::StopRec(uint32_t dev_idx, uint32_t channel) {
+    CStorageChMngr *device = nullptr;
+    const int32_t found = Find(dev_idx, &device);
+    return found == KELM_AVIFILE_OK ? device->StopRec(channel) : found;
+}
+
+int32_t CRecDevMngr::SetRecFrame(uint32_t dev_idx, uint32_t channel, const FrameHead &head, const void *data,
+                                 uint32_t data_len, uint32_t sec, uint32_t usec) {
+    CStorageChMngr *device = nullptr;
+    const int32_t found = Find(dev_idx, &device);
+    return found == KELM_AVIFILE_OK ? device->SetRecFrame(channel, head, data, data_len, sec, usec) : found;
+}
+
+template <class Visit>
+void CRecDevMngr::for_each_device(Visit visit) {
+    for (uint32_t dev_idx = 1; dev_idx < static_cast<uint32_t>(kSlots); ++dev_idx) {
+        if (IsRegistered(dev_idx)) visit(*m_devices[dev_idx]);
+    }
+}
+
+void CRecDevMngr::SwitchAllRecFile() {
+    for_each_device([](CStorageChMngr &device) { device.SwitchAllRecFile(); });
+}
+
+int64_t CRecDevMngr::GetCurRecFileSize(int32_t disk_idx) {
+    int64_t total = 0;
+    for_each_device([&total, disk_idx](CStorageChMngr &device) { total += device.GetCurRecFileSize(disk_idx); });
+    return total;
+}
+
+int32_t CRecDevMngr::ThreadFunc(uint32_t) {
+    const int64_t now = CGlobalObject::Instance().now_utc();
+    for_each_device([now](CStorageChMngr &device) { device.CloseIdleRecFiles(now); });
+    return KELM_AVIFILE_OK;
+}
+
+}  // namespace kelm_recvault

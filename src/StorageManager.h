@@ -1,0 +1,97 @@
+// The set of record partitions as one store: says where the next record file goes, adds and removes partitions, and hands
+// everything else to the partition that a file lies on.
+//
+// One instance, owned by CGlobalObject; entered by the recorders and by any application thread. No lock of it is held across
+// a call into recording.
+//
+// A partition is used through a pin: CDiskPin is taken for one operation and keeps the partition from being destroyed.
+// DelRecPartition first makes the slot invisible, then waits until the last pin is gone.
+#pragma once
+
+#include <recvault/recvault.h>
+
+#include <array>
+#include <cstdint>
+
+#include "Crossing.h"
+#include "Disk.h"
+#include "HandleDispather.h"
+#include "Mutex.h"
+#include "platform/sync.h"
+
+namespace kelm_recvault {
+
+class CStorageMngr {
+ public:
+    CStorageMngr() = default;
+    ~CStorageMngr();
+    CStorageMngr(const CStorageMngr &) = delete;
+    CStorageMngr &operator=(const CStorageMngr &) = delete;
+
+    int32_t Initialize();
+    int32_t Destroy();
+
+    int32_t AddRecPartition(RecPartitionInfo *info);
+    int32_t DelRecPartition(const char *path);
+    int32_t GetRecUsedSpace(const char *path, uint64_t *bytes);
+    int32_t SetDiskGroupFullCallback(DiskGroupFullCallback callback, void *user);
+
+    int32_t GetRecFileName(uint32_t dev_idx, int32_t channel, uint32_t cur_sec, RecFileName *name);
+    int32_t AddRecNodeInfo(int32_t disk_idx, const RecFileNode &node, bool is_new);
+    int32_t DelRecFileByName(const char *path);
+
+ private:
+    // A use of the partition in a slot, for the length of one operation. Empty when the slot is not in use.
+    class CDiskPin {
+     public:
+        CDiskPin(CStorageMngr *owner, int32_t slot);
+        ~CDiskPin();
+        CDiskPin(const CDiskPin &) = delete;
+        CDiskPin &operator=(const CDiskPin &) = delete;
+        explicit operator bool() const { return m_disk != nullptr; }
+        CDisk *operator->() const { return m_disk; }
+
+     private:
+        CStorageMngr *const m_owner;
+        const int32_t m_slot;
+        CDisk *m_disk = nullptr;
+    };
+
+    static constexpr int32_t kNoDisk = -1;
+    static constexpr int32_t kBestPriority = 4;
+
+    // The first slot, from 0, whose record root contains `path`.
+    int32_t GetDiskIdxByPath(const char *path);
+    // The slot whose record root is contained in `path`; the current one first.
+    int32_t GetDiskIdxByFile(const char *path);
+    int32_t DelRecFile(int32_t disk_idx, const char *path);
+    int32_t GetCurDisk();
+    void SetCurDisk(int32_t slot);
+    bool IsCurDiskExist();
+    // Chooses the partition for new files: the highest priority above 0 that is not full, the lowest slot among equals.
+    void SelectCurDisk(bool switch_files);
+    int32_t FindBestDisk(int32_t without);
+    int32_t AddOrChange(const RecPartitionInfo &info);
+    int32_t AddNewPartition(const RecPartitionInfo &info, const DiskConfig &config);
+    bool IsPinned(int32_t slot);
+    bool FileLiesOn(int32_t slot, const char *path);
+    void DestroyEvents();
+
+    bool m_initialised = false;
+    std::array<CDisk, kMaxPartitions> m_aDisk;
+    CIdDispather m_DiskIds;  // reserved: being built or being removed; busy: in use
+
+    CMutex m_mtxAdd{LockRank::partition_set};  // one change of the set of partitions at a time
+    CMutex m_mtxPins{LockRank::handle_table};
+    std::array<int32_t, kMaxPartitions> m_pins RCVT_GUARDED_BY(m_mtxPins){};
+    std::array<platform::SystemEvent *, kMaxPartitions> m_unpinned{};  // set when a slot's last pin goes
+
+    CMutex m_mtxCurDisk{LockRank::current_disk};
+    int32_t m_nCurDisk RCVT_GUARDED_BY(m_mtxCurDisk) = kNoDisk;
+
+    CMutex m_mtxCallback{LockRank::disk_full_callback};
+    DiskGroupFullCallback m_callback RCVT_GUARDED_BY(m_mtxCallback) = nullptr;
+    void *m_callback_user RCVT_GUARDED_BY(m_mtxCallback) = nullptr;
+};
+
+}  // namespace kelm_recvault
