@@ -1,0 +1,587 @@
+// Records four cameras for two hours of their own time, as fast as the disk takes it, and tells what came of it.
+//
+// The cameras play the clips of media/ in a loop, through the functions that any application has. On the way one camera
+// changes its record type, one its resolution and one its codec, and a midnight passes. Half a minute is then saved out as a
+// file of its own. The demo knows by the rules of recvault.h where each record file has to begin, and counts for each what
+// it delivered; at the end it holds both against the folder tree and the index files of the store.
+//
+// Recorded time runs some thousand times faster than real time. A camera must therefore not deliver faster than its writer
+// takes: the ring of a channel, 1 MiB and 500 frames, drops what does not fit. After each second of pictures the demo looks
+// at the open file and its side file, which grows by one entry a frame, and waits while too much is under way. A real camera
+// needs nothing of the kind.
+#include <recvault/recvault.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <iomanip>
+#include <iterator>
+#include <list>
+#include <map>
+#include <span>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "clips.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+using demo::AudioClip, demo::VideoClip, demo::Media, demo::Player;
+using std::chrono::milliseconds;
+
+constexpr uint32_t kDay = 86400, kMaxFileSeconds = 3600;
+// The last midnight of 2035. It lies ahead because the library closes the file of a channel that has been silent for half an
+// hour, and goes by the real clock for that.
+constexpr uint32_t kMidnight = 2'082'758'400;
+constexpr double kShareBeforeMidnight = 0.6;
+constexpr uint32_t kExportSeconds = 30;
+
+constexpr uint64_t kFileHeadBytes = 77824, kRecordHeadBytes = 64, kSideEntryBytes = 40;
+constexpr uint64_t kMaxWaitingRecords = 350;  // the ring of the index takes 500, and a further second brings 50
+constexpr uint64_t kMaxWaitingBytes = 512 << 10;
+constexpr auto kDiskPatience = std::chrono::seconds(30);
+
+void check(int32_t result, const char *what) {
+    if (result != KELM_AVIFILE_OK) {
+        throw std::runtime_error(std::string(what) + " gave " + std::to_string(result));
+    }
+}
+
+// ---- Cameras ----
+
+// What holds from a second of the demo on, in a list in ascending order whose first element is for second 0.
+template <class T>
+struct From {
+    uint32_t second;
+    T what;
+};
+
+template <class T>
+const T &at_second(const std::vector<From<T>> &steps, uint32_t second) {
+    const auto behind = std::ranges::upper_bound(steps, second, {}, &From<T>::second);
+    return std::prev(behind)->what;
+}
+
+struct CameraPlan {
+    std::string device;
+    uint32_t channel;
+    const AudioClip *audio;
+    std::vector<From<const VideoClip *>> pictures;
+    std::vector<From<int32_t>> types;
+};
+
+struct RecordFile {
+    fs::path path;
+    uint32_t begin = 0;
+    uint32_t end = 0;
+    uint16_t width = 0;
+    uint16_t height = 0;
+    int8_t codec_id = 0;
+    uint64_t video = 0;
+    uint64_t audio = 0;
+    uint64_t bytes = kFileHeadBytes;
+    uint32_t types = 0;  // mask, as in RecFileInfo
+};
+
+uint32_t type_bit(int32_t type) { return 1U << (type - 1); }
+
+// A time in a form as strftime has it.
+std::string formatted(int64_t seconds, const char *form) {
+    const std::time_t time = seconds;
+    std::tm fields{};
+    gmtime_r(&time, &fields);
+    std::ostringstream text;
+    text << std::put_time(&fields, form);
+    return text.str();
+}
+
+// Whether a key frame belongs in another file than the one that is open.
+bool ends_file(const RecordFile &file, const FrameHead &key) {
+    return file.width != key.width || file.height != key.height || file.codec_id != key.codec_id ||
+           file.begin / kDay != key.seconds / kDay || key.seconds - file.begin >= kMaxFileSeconds;
+}
+
+uint64_t size_on_disk(const fs::path &path) {
+    std::error_code error;
+    const uintmax_t size = fs::file_size(path, error);
+    return error ? 0 : size;
+}
+
+// How much of a file that is being written has not reached it yet.
+bool much_under_way(const RecordFile &file) {
+    const uint64_t records = size_on_disk(file.path.string() + "_idx") / kSideEntryBytes;
+    const uint64_t bytes = size_on_disk(file.path);
+    return file.video + file.audio > records + kMaxWaitingRecords || file.bytes > bytes + kMaxWaitingBytes;
+}
+
+// One channel that records, and what was delivered to it.
+class Camera {
+ public:
+    Camera(CameraPlan plan, int32_t device, fs::path root)
+        : m_plan(std::move(plan)), m_device(device), m_root(std::move(root)) {}
+
+    // Delivers second `second` of the demo, and waits until most of it is on disk.
+    void record_second(uint32_t second, uint32_t time) {
+        set_type(at_second(m_plan.types, second));
+        m_player.play_second(*at_second(m_plan.pictures, second), *m_plan.audio, second, time,
+                             [this](const FrameHead &head, std::span<const uint8_t> data) { deliver(head, data); });
+        wait_for_disk();
+    }
+
+    // Returns when the last file has its index.
+    void stop() { check(KELM_AviFile_RecStop(m_plan.channel, m_device), "KELM_AviFile_RecStop"); }
+
+    const std::vector<RecordFile> &files() const { return m_files; }
+
+ private:
+    // The first call starts the recording, a later one changes its type.
+    void set_type(int32_t type) {
+        if (type != m_type) {
+            check(KELM_AviFile_RecStart(m_plan.channel, type, m_device), "KELM_AviFile_RecStart");
+            m_type = type;
+            if (!m_files.empty()) {
+                m_files.back().types |= type_bit(type);
+            }
+        }
+    }
+
+    void deliver(const FrameHead &head, std::span<const uint8_t> data) {
+        const bool new_file = head.type == demo::kKeyFrame && (m_files.empty() || ends_file(m_files.back(), head));
+        if (new_file) {
+            m_files.push_back(expected_file(head));
+        }
+        check(KELM_AviFile_DataInput(m_plan.channel, &head, sizeof head, data.data(), static_cast<uint32_t>(data.size()),
+                                     head.seconds, head.microseconds, m_device),
+              "KELM_AviFile_DataInput");
+        if (new_file && !fs::exists(m_files.back().path)) {
+            throw std::runtime_error("no file was opened at " + m_files.back().path.string());
+        }
+        count(head, data.size());
+    }
+
+    RecordFile expected_file(const FrameHead &key) const {
+        std::array<char, 16> channel{};
+        std::snprintf(channel.data(), channel.size(), "channel%02u", m_plan.channel + 1);
+        RecordFile file;
+        file.path = m_root / "avi_av" / formatted(key.seconds, "%Y%m%d") / m_plan.device / channel.data() /
+                    formatted(key.seconds, "%H%M%S.avi");
+        file.begin = key.seconds;
+        file.width = key.width;
+        file.height = key.height;
+        file.codec_id = key.codec_id;
+        file.types = type_bit(m_type);
+        return file;
+    }
+
+    void count(const FrameHead &head, size_t bytes) {
+        RecordFile &file = m_files.back();
+        const uint32_t frames = demo::frames_in(head, bytes);
+        (head.type == demo::kAudio ? file.audio : file.video) += frames;
+        file.bytes += frames * (kRecordHeadBytes + head.length + head.length % 2);
+        file.end = head.seconds;
+    }
+
+    void wait_for_disk() const {
+        const auto give_up = Clock::now() + kDiskPatience;
+        while (much_under_way(m_files.back())) {
+            if (Clock::now() > give_up) {
+                throw std::runtime_error("the disk takes no more of " + m_files.back().path.string());
+            }
+            std::this_thread::sleep_for(milliseconds(1));
+        }
+    }
+
+    CameraPlan m_plan;
+    int32_t m_device;
+    fs::path m_root;
+    int32_t m_type = 0;
+    Player m_player;
+    std::vector<RecordFile> m_files;
+};
+
+std::vector<CameraPlan> plans(const Media &media, uint32_t duration) {
+    const auto share = [&](double part) { return static_cast<uint32_t>(std::lround(part * duration)); };
+    return {
+        {.device = "front-gate",
+         .channel = 0,
+         .audio = &media.a_law,
+         .pictures = {{0, &media.large}},
+         .types = {{0, 1}, {share(0.2), 2}, {share(0.25), 1}}},
+        {.device = "front-gate",
+         .channel = 1,
+         .audio = &media.adpcm,
+         .pictures = {{0, &media.large}, {share(0.3), &media.small}, {share(0.8), &media.large}},
+         .types = {{0, 1}}},
+        {.device = "car-park",
+         .channel = 0,
+         .audio = &media.a_law,
+         .pictures = {{0, &media.small}, {share(0.45), &media.jpeg}, {share(0.55), &media.small}},
+         .types = {{0, 1}}},
+        {.device = "car-park",
+         .channel = 8,
+         .audio = &media.adpcm,
+         .pictures = {{0, &media.small}},
+         .types = {{0, 3}, {share(0.7), 4}}},
+    };
+}
+
+// ---- Progress ----
+
+// Rewrites one line of a terminal, several times a second; into a file or a pipe it writes a line each ten seconds.
+class Progress {
+ public:
+    Progress(std::FILE *out, uint32_t duration)
+        : m_out(out), m_terminal(isatty(fileno(out)) == 1), m_pause(m_terminal ? 200 : 10'000), m_duration(duration) {}
+
+    void show_recorded(uint32_t done, const std::list<Camera> &cameras) {
+        const auto now = Clock::now();
+        if (now >= m_next || done == m_duration) {
+            m_next = now + m_pause;
+            write(done, cameras, now);
+        }
+    }
+
+    void show_finishing(size_t left) {
+        const auto now = Clock::now();
+        if (now >= m_next) {
+            m_next = now + m_pause;
+            std::fprintf(m_out, "%sfinishing files, %zu left%s", begin_line(), left, end_line());
+            std::fflush(m_out);
+        }
+    }
+
+    // Ends the line that was rewritten, and has the next thing shown at once.
+    void end_phase() {
+        std::fputs(m_terminal ? "\n" : "", m_out);
+        m_next = Clock::now();
+    }
+
+ private:
+    void write(uint32_t done, const std::list<Camera> &cameras, Clock::time_point now) {
+        size_t files = 0;
+        uint64_t bytes = 0;
+        for (const Camera &camera : cameras) {
+            files += camera.files().size();
+            for (const RecordFile &file : camera.files()) {
+                bytes += file.bytes;
+            }
+        }
+        const double took = std::max(std::chrono::duration<double>(now - m_begin).count(), 0.001);
+        std::fprintf(m_out, "%s%3u %% of %.2f h recorded, %zu files, %.0f MB, %.0f times real time%s", begin_line(),
+                     done * 100 / m_duration, m_duration / 3600.0, files, static_cast<double>(bytes) / 1e6, done / took,
+                     end_line());
+        std::fflush(m_out);
+    }
+
+    const char *begin_line() const { return m_terminal ? "\r" : ""; }
+    const char *end_line() const { return m_terminal ? "\033[K" : "\n"; }
+
+    std::FILE *m_out;
+    bool m_terminal;
+    milliseconds m_pause;
+    uint32_t m_duration;
+    Clock::time_point m_begin = Clock::now();
+    Clock::time_point m_next = m_begin;
+};
+
+// Sends what the library says on standard error into a file. Returns a stream that goes where standard error went before.
+std::FILE *redirect_log(const std::string &path) {
+    std::FILE *terminal = fdopen(dup(STDERR_FILENO), "w");
+    if (terminal == nullptr || std::freopen(path.c_str(), "w", stderr) == nullptr) {
+        throw std::runtime_error("cannot write the log to " + path);
+    }
+    return terminal;
+}
+
+// ---- The run ----
+
+struct Options {
+    fs::path store, media = RECVAULT_DEMO_MEDIA;
+    std::string manifest, log;
+    double hours = 2;
+    double pace = 0;
+};
+
+class Library {
+ public:
+    Library() { check(KELM_AviFile_Init(0), "KELM_AviFile_Init"); }
+    ~Library() { KELM_AviFile_UnInit(0); }
+    Library(const Library &) = delete;
+    Library &operator=(const Library &) = delete;
+};
+
+void prepare_store(const fs::path &root) {
+    if (root.string().size() >= sizeof RecPartitionInfo::path) {
+        throw std::runtime_error(root.string() + ": the path of a store has at most 31 characters");
+    }
+    if (fs::exists(root / "avi_av")) {
+        throw std::runtime_error(root.string() + " holds recordings already");
+    }
+    fs::create_directories(root);
+}
+
+void add_partition(const fs::path &root, double hours) {
+    RecPartitionInfo info{};
+    root.string().copy(info.path, sizeof info.path - 1);
+    info.priority = 1;
+    info.disk_space = fs::space(root).capacity;
+    info.rec_space = static_cast<uint64_t>((4 + hours) * (1 << 30));  // an hour of the four cameras takes some 350 MB
+    check(KELM_AviFile_AddRecPartition(&info), "KELM_AviFile_AddRecPartition");
+}
+
+std::list<Camera> make_cameras(const Options &options, const Media &media, uint32_t duration) {
+    std::map<std::string, int32_t> devices;
+    std::list<Camera> cameras;
+    for (CameraPlan &plan : plans(media, duration)) {
+        const auto [device, is_new] = devices.try_emplace(plan.device, 0);
+        if (is_new) {
+            check(KELM_AviFile_CreateDevHandle(&device->second, plan.device.c_str()), "KELM_AviFile_CreateDevHandle");
+        }
+        cameras.emplace_back(std::move(plan), device->second, options.store);
+    }
+    return cameras;
+}
+
+size_t unfinished_files(const std::list<Camera> &cameras) {
+    size_t count = 0;
+    for (const Camera &camera : cameras) {
+        count += static_cast<size_t>(std::ranges::count_if(
+            camera.files(), [](const RecordFile &file) { return fs::exists(file.path.string() + "_idx"); }));
+    }
+    return count;
+}
+
+// A stop returns when the channel's files have their indexes. That takes seconds, and the cameras stop side by side.
+void stop_all(std::list<Camera> &cameras, Progress &progress) {
+    std::vector<std::future<void>> stops;
+    for (Camera &camera : cameras) {
+        stops.push_back(std::async(std::launch::async, [&camera] { camera.stop(); }));
+    }
+    for (std::future<void> &stop : stops) {
+        while (stop.wait_for(milliseconds(100)) == std::future_status::timeout) {
+            progress.show_finishing(unfinished_files(cameras));
+        }
+        stop.get();
+    }
+    progress.end_phase();
+}
+
+RecordFile export_clip(const fs::path &path, const Media &media, uint32_t begin) {
+    RecordFile file;
+    file.path = path;
+    uint32_t handle = 0;
+    check(KELM_AviFile_SaveStart_ByName(&handle, path.c_str()), "KELM_AviFile_SaveStart_ByName");
+    Player player;
+    for (uint32_t second = 0; second < kExportSeconds; ++second) {
+        player.play_second(
+            media.large, media.a_law, second, begin + second, [&](const FrameHead &head, std::span<const uint8_t> data) {
+                check(KELM_AviFile_SaveInput(handle, &head, sizeof head, data.data(), static_cast<uint32_t>(data.size())),
+                      "KELM_AviFile_SaveInput");
+                (head.type == demo::kAudio ? file.audio : file.video) += demo::frames_in(head, data.size());
+            });
+    }
+    check(KELM_AviFile_SaveStop(handle), "KELM_AviFile_SaveStop");
+    return file;
+}
+
+// ---- What came of it ----
+
+struct IndexEntry {
+    fs::path path;
+    std::string device;
+    uint32_t channel = 0;
+    uint32_t types = 0;
+    int64_t begin = 0;
+    int64_t end = 0;
+    bool recording = false;
+};
+
+template <class T>
+T number_at(const char *entry, size_t offset) {
+    T value;
+    std::memcpy(&value, entry + offset, sizeof value);
+    return value;
+}
+
+// Appends the entries of an index file, whose layout docs/format.md gives.
+void read_index(const fs::path &path, std::vector<IndexEntry> &entries) {
+    std::ifstream file(path, std::ios::binary);
+    std::array<char, 312> raw;
+    while (file.read(raw.data(), raw.size())) {
+        const char *const name = raw.data() + 8;
+        const IndexEntry entry{.path = path.parent_path() / std::string(name, strnlen(name, 256)),
+                               .device = path.parent_path().parent_path().filename().string(),
+                               .channel = number_at<uint32_t>(raw.data(), 0),
+                               .types = number_at<uint32_t>(raw.data(), 4),
+                               .begin = number_at<int64_t>(raw.data(), 272),
+                               .end = number_at<int64_t>(raw.data(), 280),
+                               .recording = number_at<uint32_t>(raw.data(), 292) != 0};
+        if (entry.types != 0) {  // 0 marks a deleted file
+            entries.push_back(entry);
+        }
+    }
+}
+
+// All that the index files below a store's root know, in the order of the table: by device, channel and time.
+std::vector<IndexEntry> read_store(const fs::path &root) {
+    std::vector<IndexEntry> entries;
+    for (const fs::directory_entry &entry : fs::recursive_directory_iterator(root)) {
+        if (entry.path().filename() == "rec_index.bin") {
+            read_index(entry.path(), entries);
+        }
+    }
+    std::ranges::sort(entries, {},
+                      [](const IndexEntry &entry) { return std::tie(entry.device, entry.channel, entry.begin); });
+    return entries;
+}
+
+void print_row(const IndexEntry &entry, const RecordFile *delivered) {
+    std::printf("%s  %-10s  %7u  %s  %11llu", formatted(entry.begin, "%Y%m%d").c_str(), entry.device.c_str(), entry.channel,
+                (formatted(entry.begin, "%H:%M:%S  ") + formatted(entry.end, "%H:%M:%S")).c_str(),
+                static_cast<unsigned long long>(size_on_disk(entry.path)));
+    if (delivered != nullptr) {
+        std::printf("  %6llu  %6llu\n", static_cast<unsigned long long>(delivered->video),
+                    static_cast<unsigned long long>(delivered->audio));
+    } else {
+        std::printf("       ?       ?\n");
+    }
+}
+
+bool agrees(const IndexEntry &entry, const RecordFile &delivered) {
+    return !entry.recording && entry.types == delivered.types && entry.begin == delivered.begin &&
+           entry.end == delivered.end;
+}
+
+// Prints the table and holds the index against what was delivered. Returns whether they agree.
+bool report(const std::vector<IndexEntry> &entries, const std::list<Camera> &cameras) {
+    std::map<fs::path, const RecordFile *> expected;
+    for (const Camera &camera : cameras) {
+        for (const RecordFile &file : camera.files()) {
+            expected[file.path] = &file;
+        }
+    }
+    bool all_agree = true;
+    std::printf("day       device      channel  begin     end             bytes   video   audio\n");
+    for (const IndexEntry &entry : entries) {
+        const auto found = expected.find(entry.path);
+        const RecordFile *const delivered = found == expected.end() ? nullptr : found->second;
+        print_row(entry, delivered);
+        if (delivered == nullptr || !agrees(entry, *delivered)) {
+            std::printf("%s: the index differs from what was delivered\n", entry.path.c_str());
+            all_agree = false;
+        }
+        if (delivered != nullptr) {
+            expected.erase(found);
+        }
+    }
+    for (const auto &[path, file] : expected) {
+        std::printf("%s: not in the index\n", path.c_str());
+    }
+    return all_agree && expected.empty();
+}
+
+void write_manifest(const std::string &path, const std::list<Camera> &cameras, const RecordFile &exported) {
+    std::ofstream out(path);
+    const auto write_line = [&](const RecordFile &file) {
+        out << file.path.string() << '\t' << file.video << '\t' << file.audio << '\t'
+            << static_cast<double>(file.video) / demo::kFps << '\n';
+    };
+    out << "#path\tvideo frames\taudio frames\tseconds\n";
+    for (const Camera &camera : cameras) {
+        std::ranges::for_each(camera.files(), write_line);
+    }
+    write_line(exported);
+    if (!out.flush()) {
+        throw std::runtime_error("cannot write " + path);
+    }
+}
+
+struct Recording {
+    std::list<Camera> cameras;
+    RecordFile exported;
+};
+
+Recording record(const Options &options, std::FILE *terminal) {
+    const auto duration = static_cast<uint32_t>(std::lround(options.hours * 3600));
+    const uint32_t start = kMidnight - static_cast<uint32_t>(std::lround(kShareBeforeMidnight * duration));
+    const Media media(options.media);
+    const Library library;
+    add_partition(options.store, options.hours);
+    std::list<Camera> cameras = make_cameras(options, media, duration);
+    Progress progress(terminal, duration);
+    const auto begin = Clock::now();
+    for (uint32_t second = 0; second < duration; ++second) {
+        for (Camera &camera : cameras) {
+            camera.record_second(second, start + second);
+        }
+        progress.show_recorded(second + 1, cameras);
+        if (options.pace > 0) {
+            const auto due = std::chrono::duration<double>((second + 1) / options.pace);
+            std::this_thread::sleep_until(begin + std::chrono::duration_cast<Clock::duration>(due));
+        }
+    }
+    progress.end_phase();
+    stop_all(cameras, progress);
+    RecordFile exported = export_clip(options.store / "export.avi", media, start);
+    return {std::move(cameras), std::move(exported)};
+}
+
+int run(const Options &options, std::FILE *terminal) {
+    prepare_store(options.store);
+    const auto [cameras, exported] = record(options, terminal);
+    if (!options.manifest.empty()) {
+        write_manifest(options.manifest, cameras, exported);
+    }
+    const bool agree = report(read_store(options.store / "avi_av"), cameras);
+    std::printf("saved out: %s, %llu bytes, %llu video and %llu audio frames\n", exported.path.c_str(),
+                static_cast<unsigned long long>(size_on_disk(exported.path)),
+                static_cast<unsigned long long>(exported.video), static_cast<unsigned long long>(exported.audio));
+    return agree ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    Options options;
+    CLI::App app("Records four cameras that play clips, with changes of all kinds on the way, and shows the files.");
+    app.add_option("--store", options.store, "Folder to record into, at most 31 characters, without recordings")->required();
+    app.add_option("--hours", options.hours, "Recorded time of each camera")
+        ->check(CLI::Range(0.02, 24.0))
+        ->capture_default_str();
+    app.add_option("--pace", options.pace, "How many times faster than real time at most, 0: as fast as the disk takes it")
+        ->check(CLI::NonNegativeNumber)
+        ->capture_default_str();
+    app.add_option("--media", options.media, "Folder of the clips")->check(CLI::ExistingDirectory)->capture_default_str();
+    app.add_option("--manifest", options.manifest,
+                   "File that takes what was delivered: path, frames and seconds of each file");
+    app.add_option("--log", options.log, "File that takes the library's log, else it goes to standard error");
+    CLI11_PARSE(app, argc, argv);
+    std::FILE *terminal = stderr;
+    try {
+        if (!options.log.empty()) {
+            terminal = redirect_log(options.log);
+        }
+        options.store = fs::absolute(options.store).lexically_normal();
+        return run(options, terminal);
+    } catch (const std::exception &error) {
+        std::fprintf(terminal, "\nrecorder_demo: %s\n", error.what());
+        return 1;
+    }
+}
