@@ -1,0 +1,1 @@
+#include "all_functions.c"  // the same program, to be compiled as C++
