@@ -15,7 +15,7 @@ namespace {
 constexpr size_t kStreamBuffer = 4096;
 
 platform::OpenMode open_mode(int32_t io_mode) {
-    if (io_mode == CFileIO::kReadUpdate) return platform::OpenMode::update;
+    if (io_mode == CFileIO::kReadUpdate) return platform::OpenMode::read;
     if (io_mode == CFileIO::kWriteCreate) return platform::OpenMode::create;
     return platform::OpenMode::create_update;
 }
@@ -24,7 +24,10 @@ int32_t to_position(int64_t position) { return static_cast<int32_t>(std::clamp<i
 
 bool is_dot_name(const char *name) { return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0; }
 
-bool is_drive_path(std::string_view path) { return path.size() >= 2 && path[0] >= 'A' && path[0] <= 'Z' && path[1] == ':'; }
+bool is_drive_path(std::string_view path) {
+    const bool letter = path.size() >= 2 && ((path[0] >= 'A' && path[0] <= 'Z') || (path[0] >= 'a' && path[0] <= 'z'));
+    return letter && path[1] == ':';
+}
 
 // Visits each entry of a folder as (full path, entry).
 template <class Visit>
@@ -35,7 +38,7 @@ platform::OpenFolder walk_folder(const std::string &dir, Visit visit) {
     while (walk.Next(&entry, false)) {
         if (!is_dot_name(entry.name) && !visit(dir + "/" + entry.name, entry)) break;
     }
-    return outcome;
+    return walk.Failed() ? platform::OpenFolder::failed : outcome;
 }
 
 // A record file, or the side file of one that is there.
@@ -70,6 +73,10 @@ int32_t CFileIO::read_file(void *data, int32_t size) {
     return count;
 }
 
+int32_t CFileIO::read_some(void *data, int32_t size) {
+    return m_io_mode == kWriteCreate ? 0 : static_cast<int32_t>(m_stream.Read(data, static_cast<size_t>(size)));
+}
+
 int32_t CFileIO::write_file(const void *data, int32_t size) {
     if (!is_open() || m_io_mode == kReadUpdate) {
         LOG_TRACE();
@@ -95,6 +102,14 @@ int32_t CFileIO::tell_file() const {
         return 0;
     }
     return to_position(m_stream.Tell());
+}
+
+int32_t CFileIO::truncate_file(int32_t size) {
+    if (!is_open() || !m_stream.Truncate(size) || m_stream.Seek(size, platform::SeekFrom::begin) != size) {
+        LOG_TRACE();
+        return KELM_AVIFILE_FAILED;
+    }
+    return KELM_AVIFILE_OK;
 }
 
 int32_t CFileIO::close_file() {
@@ -218,16 +233,20 @@ void CFileManager::prune_dir(const char *dir) {
 int32_t CFileManager::delete_avi_file(const char *path) {
     if (!file_exists(path)) return KELM_AVIFILE_OK;
     if (delete_file(path) != KELM_AVIFILE_OK) return KELM_AVIFILE_FAILED;
+    prune_above(path);
+    return KELM_AVIFILE_OK;
+}
+
+void CFileManager::prune_above(const char *path) {
     std::string dir(path);
     const std::string marker = std::string("/") + kRecordFolder + "/";
     const size_t tree = dir.rfind(marker);
-    if (tree == std::string::npos) return KELM_AVIFILE_OK;
+    if (tree == std::string::npos) return;
     const size_t tree_length = tree + marker.size() - 1;
     for (dir.resize(dir.rfind('/')); dir.size() >= tree_length; dir.resize(dir.rfind('/'))) {
         if (dir_has_avi_file(dir.c_str())) break;
         prune_dir(dir.c_str());
     }
-    return KELM_AVIFILE_OK;
 }
 
 int32_t CFileFinder::find_first(const char *path, FileFindEntry *entry, bool directories) {

@@ -18,7 +18,7 @@ constexpr const char *kSideSuffix = "_idx";
 
 class CFileIO {
  public:
-    static constexpr int32_t kReadUpdate = 0;    // "rb+": reads
+    static constexpr int32_t kReadUpdate = 0;    // an existing file: reads, also one that must not be written
     static constexpr int32_t kWriteCreate = 1;   // "wb": writes
     static constexpr int32_t kUpdateCreate = 2;  // "wb+": both
 
@@ -26,10 +26,14 @@ class CFileIO {
     int32_t open_file(const char *path, int32_t io_mode, bool no_buffer);
     // The count that was transferred, or FAILED when closed or opened for the other direction. A short count is logged.
     int32_t read_file(void *data, int32_t size);
+    // As read_file for one who expects the end: nothing is logged, and the count is 0 when refused.
+    int32_t read_some(void *data, int32_t size);
     int32_t write_file(const void *data, int32_t size);
     // The new position, or FAILED when closed.
     int32_t seek_file(int32_t offset, platform::SeekFrom whence);
     int32_t tell_file() const;
+    // Cuts the file and stands at its new end.
+    int32_t truncate_file(int32_t size);
     int32_t close_file();
     bool is_open() const { return m_stream.IsOpen(); }
 
@@ -56,12 +60,14 @@ class CFileManager {
     static int32_t create_file_dir(const char *dir_path);
     // Deletes a folder with all it holds, as far as that can be done. A link is deleted, not followed.
     static void delete_dir_tree(const char *dir);
-    // A folder that is there but cannot be read counts as holding recordings: it might.
+    // A folder that is there but cannot be read in full counts as holding recordings: it might.
     static bool dir_has_avi_file(const char *dir);
     // Deletes a folder in which there is no record file. One that turns up meanwhile stays, with its side file and folder.
     static void prune_dir(const char *dir);
     // Deletes a file, and the folders of the record tree that hold no record file without it. No file is no failure.
     static int32_t delete_avi_file(const char *path);
+    // The second half of it.
+    static void prune_above(const char *path);
 };
 
 struct FileFindEntry {

@@ -152,7 +152,7 @@ int32_t CPacketManager::SetOneFrame(FrameRecHead *head, const void *data, int32_
     {
         const CAutoMutex lock(&m_lock);
         m_write_offset = (offset + total) % kFrameRingSize;
-        block_completed = m_used < kMinBlock && m_used + total >= kMinBlock;
+        block_completed = m_used < kMaxBlock && m_used + total >= kMaxBlock;
         m_used += total;
         m_file_pos += total;
     }

@@ -10,7 +10,8 @@
 // Threads. One producer, the thread that holds the channel's lock; one consumer, the writer thread of the open file, or the
 // thread that closes the file once that one has ended. m_lock is held for positions and counters alone, never for a copy:
 // the producer copies into free space, which only it makes smaller, and the consumer reads bytes that count as used until it
-// releases them. The consumer's thread is woken when a block becomes complete, at most once a frame.
+// releases them. The consumer looks by itself every 20 ms; it is woken before that when a block of the largest size becomes
+// complete, which costs the delivering call a system call, so not for smaller ones.
 //
 // Owned by value by CAviWriter; the rings exist from Initialize to Uninitialize.
 #pragma once

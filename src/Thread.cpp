@@ -7,6 +7,7 @@ CThreadBase::~CThreadBase() { platform::event_destroy(m_event); }
 int32_t CThreadBase::Launch(const char *name, platform::ThreadEntry entry, void *argument) {
     int32_t error = 0;
     if (m_event == nullptr) m_event = platform::event_create();
+    if (m_event != nullptr) platform::event_wait(m_event, 0);  // a wake that was meant for an earlier thread
     m_running = true;
     if (m_event != nullptr) m_handle = platform::thread_start(name, entry, argument, &error);
     if (m_handle == nullptr) {
@@ -30,10 +31,10 @@ void CThreadBase::WaitForWork(int32_t milliseconds) {
     if (!IsStopping()) platform::event_wait(m_event, milliseconds);
 }
 
+void CThreadBase::WaitForTick(int32_t period) {
+    if (!IsStopping()) platform::event_wait_tick(m_event, period);
+}
+
 void CThreadBase::Wake() { platform::event_set(m_event); }
-
-void CThreadBase::LogBegin() { LOG_INFO("thread begin running, id = %d\n", platform::thread_id()); }
-
-void CThreadBase::LogEnd() { LOG_INFO("quit thread object, id = %d\n", platform::thread_id()); }
 
 }  // namespace kelm_recvault

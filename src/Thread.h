@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <new>
 
 #include "Log.h"
 #include "platform/sync.h"
@@ -27,6 +28,8 @@ class CThreadBase {
 
     // Returns when Wake or Stop was called, or after the time. Called by the body alone.
     void WaitForWork(int32_t milliseconds);
+    // The same up to the next of the ticks that all threads share, at most `period` milliseconds away.
+    void WaitForTick(int32_t period);
     void Wake();
 
  protected:
@@ -34,8 +37,6 @@ class CThreadBase {
     ~CThreadBase();
 
     int32_t Launch(const char *name, platform::ThreadEntry entry, void *argument);
-    static void LogBegin();
-    static void LogEnd();
 
     std::atomic<bool> m_running{false};
     int32_t m_period = 0;
@@ -59,6 +60,7 @@ class CThread : public CThreadBase {
 
  private:
     static void Entry(void *argument);
+    int32_t CallOwner();
 
     T *m_owner = nullptr;
     uint32_t m_user_value = 0;
@@ -83,12 +85,24 @@ int32_t CThread<T>::Start(T *owner, uint32_t user_value, int32_t period, const c
 template <class T>
 void CThread<T>::Entry(void *argument) {
     auto *thread = static_cast<CThread *>(argument);
-    LogBegin();
+    LOG_INFO("thread begin running, id = %d\n", platform::thread_id());
     while (thread->m_running.load(std::memory_order_acquire)) {
-        if (thread->m_owner->ThreadFunc(thread->m_user_value) != 0) break;
+        if (thread->CallOwner() != 0) break;
         if (thread->m_period > 0 && !thread->IsStopping()) thread->WaitForWork(thread->m_period);
     }
-    LogEnd();
+    LOG_INFO("quit thread object, id = %d\n", platform::thread_id());
+}
+
+// A body that finds no memory is called again: there may be some by then.
+template <class T>
+int32_t CThread<T>::CallOwner() {
+    try {
+        return m_owner->ThreadFunc(m_user_value);
+    } catch (const std::bad_alloc &) {
+        LOG_TRACE();
+        platform::sleep_ms(100);
+        return 0;
+    }
 }
 
 }  // namespace kelm_recvault

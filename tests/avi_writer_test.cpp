@@ -322,6 +322,32 @@ TEST_F(AviWriter, EndsWithAWholeFrameOnAFullDisk) {
     EXPECT_EQ(file.word(220 + 74012), file.frames.size());
 }
 
+TEST_F(AviWriter, KeepsItsFramesWhenTheSideFileCannotBeWritten) {
+    doubles::inject({.call = doubles::Call::write, .path_end = "_idx", .error = ENOSPC});
+    for (uint32_t i = 0; i < 5; ++i) Video(kKey, 100 + i, 0, 20000);
+    ASSERT_TRUE(wait_until([&] { return writer.write_failed(); }));
+    writer.close(nullptr, nullptr);
+    StoredFile file(path);
+    EXPECT_EQ(file.frames.size(), 5U);
+    EXPECT_EQ(file.frames_end, file.movi_end);
+}
+
+// Without a buffer a frame is written whole or not at all.
+TEST_F(AviWriter, TakesBackWhatAnExportWroteInPart) {
+    writer.close(nullptr, nullptr);
+    ASSERT_EQ(writer.open_file(path.c_str(), 640, 360, nullptr), 0);
+    EXPECT_EQ(Video(kKey, 100), 0);
+    doubles::inject(
+        {.call = doubles::Call::write, .path_end = ".avi", .skip = 1, .times = 2, .error = ENOSPC, .written_before = 50});
+    EXPECT_EQ(Video(kInter, 101), KELM_AVIFILE_NO_ROOM);
+    EXPECT_EQ(Video(kInter, 102, 0, 101), 0);
+    writer.close(nullptr, nullptr);
+    StoredFile file(path);
+    file.ExpectComplete();
+    ASSERT_EQ(file.frames.size(), 2U);
+    EXPECT_EQ(file.frames[1].second, 102U);
+}
+
 TEST_F(AviWriter, KeepsTheSideFileWhenTheIndexCannotBeWritten) {
     for (uint32_t i = 0; i < 50; ++i) Video(i == 0 ? kKey : kInter, 100 + i / 25, i % 25 * 40000);
     ASSERT_EQ(writer.close_fast(nullptr, nullptr), 0);

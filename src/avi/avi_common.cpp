@@ -11,9 +11,11 @@ namespace {
 
 constexpr uint32_t kMaxBytesPerSecond = 0x200000;
 constexpr uint32_t kHasIndexWasCapture = 0x10010;  // AVIF_HASINDEX | AVIF_WASCAPTUREFILE
-constexpr int64_t kMinFrameMicroseconds = 15000;
-constexpr int64_t kMaxFrameMicroseconds = 2000000;
-constexpr int64_t kMaxFileSpan = 3661;  // seconds; an entry further from the file's begin is damage
+constexpr int32_t kMinFrameMicroseconds = 15000;
+constexpr int32_t kMaxFrameMicroseconds = 2000000;
+constexpr int64_t kRecordHead = sizeof(FrameRecHead);
+constexpr uint32_t kLongestStepOfSegment = 5;  // seconds
+constexpr int64_t kMaxFileSpan = 3661;         // seconds; an entry further from the file's begin is damage
 
 constexpr uint32_t kSampleRate = 8000;
 constexpr uint32_t kAdpcmBlock = 164;
@@ -129,15 +131,15 @@ int32_t cnt_interval_fps(int64_t seconds, int64_t microseconds, int32_t frames, 
         LOG_ERR("fnum = %d\n", frames);
         return KELM_AVIFILE_FAILED;
     }
-    const int64_t average = (seconds * 1000000 + microseconds) / frames;
+    const auto average = static_cast<int32_t>((seconds * 1000000 + microseconds) / frames);
     if (average < kMinFrameMicroseconds || average > kMaxFrameMicroseconds) {
-        LOG_WARN("avg time between two frame = %d us\n", static_cast<int32_t>(average));
+        LOG_WARN("avg time between two frame = %d us\n", average);
         return KELM_AVIFILE_FAILED;
     }
     constexpr int32_t kDigits = 4;
     int32_t quotient = 0;
     int32_t digits[kDigits] = {};
-    cnt_point_division(1000000, static_cast<int32_t>(average), &quotient, digits, kDigits);
+    cnt_point_division(1000000, average, &quotient, digits, kDigits);
     *usec_per_frame = static_cast<uint32_t>(average);
     *rate = static_cast<uint32_t>(cnt_point_multiply(static_cast<int32_t>(kRateScale), quotient, digits, kDigits));
     return KELM_AVIFILE_OK;
@@ -176,7 +178,9 @@ int32_t get_recinfo_of_entries(const RecSegEntry *entries, int32_t count, uint32
     *end_sec = entries[0].end_sec;
     for (int32_t i = 0; i < count; ++i) {
         *rec_type |= entries[i].rec_type;
-        if (entries[i].end_sec > *end_sec && entries[i].end_sec - *begin_sec < kMaxFileSpan) *end_sec = entries[i].end_sec;
+        // Of wild values the difference may not fit; as unsigned numbers it is right where the order is.
+        const uint64_t span = static_cast<uint64_t>(entries[i].end_sec) - static_cast<uint64_t>(*begin_sec);
+        if (entries[i].end_sec > *end_sec && span < static_cast<uint64_t>(kMaxFileSpan)) *end_sec = entries[i].end_sec;
     }
     return KELM_AVIFILE_OK;
 }
@@ -190,7 +194,6 @@ int32_t copy_recseg_info(const RecSegStrn &table, RecSegEntry *entries, int32_t 
     *count = 0;
     for (int32_t i = 0; i < table.rec_seg_cnt; ++i) {
         const RecSegEntry entry = table.segments[i];
-        // The difference of wild values may not fit; as unsigned numbers it is right where the order is.
         const uint64_t span = static_cast<uint64_t>(entry.end_sec) - static_cast<uint64_t>(entry.begin_sec);
         if (entry.begin_sec > entry.end_sec || span >= static_cast<uint64_t>(kMaxFileSpan)) {
             LOG_WARN("rec_seg error, i = %d, begin_sec = %d, end_sec = %d \n", i, static_cast<int32_t>(entry.begin_sec),
@@ -200,6 +203,80 @@ int32_t copy_recseg_info(const RecSegStrn &table, RecSegEntry *entries, int32_t 
         entries[(*count)++] = entry;
     }
     return KELM_AVIFILE_OK;
+}
+
+int64_t record_end(const FrameIdxRec &record) {
+    return record_pos_of(record.index.offset) + static_cast<int64_t>(sizeof(FrameRecHead)) + record.index.length +
+           record.index.length % 2;
+}
+
+namespace {
+
+// The segment count of a record is that before its frame was entered, so it changes one video frame behind the key frame
+// that began the segment.
+void add_to_segments(RecSegStrn *table, uint32_t *last_count, const FrameIdxRec &record) {
+    const int64_t second = record.frame.second;
+    if (record.segment_count != *last_count) {
+        *last_count = record.segment_count;
+        if (table->rec_seg_cnt < kMaxSegments)
+            table->segments[table->rec_seg_cnt++] = {record.frame.rec_type, second, second};
+    }
+    if (table->rec_seg_cnt < 1) return;
+    RecSegEntry &segment = table->segments[table->rec_seg_cnt - 1];
+    if (record.frame.second - static_cast<uint32_t>(segment.end_sec) <= kLongestStepOfSegment) segment.end_sec = second;
+}
+
+}  // namespace
+
+FrameCounts rebuild_tables(platform::File *side, int64_t file_end, RecSegStrn *table,
+                           const std::function<void(const Idx1Entry &)> &each) {
+    FrameCounts counts;
+    FrameIdxRec record{};
+    uint32_t last_count = 0;
+    table->rec_seg_cnt = table->key_frame_cnt = 0;
+    side->Seek(0, platform::SeekFrom::begin);
+    while (side->Read(&record, sizeof(record)) == sizeof(record) && record_end(record) <= file_end) {
+        each(record.index);
+        if (record.index.flags == kIndexKeyFlag) {
+            if (table->key_frame_cnt < kMaxKeyFrames) table->key_frames[table->key_frame_cnt++] = record.frame;
+        } else if (table->key_frame_cnt > 0) {
+            table->key_frames[table->key_frame_cnt - 1].length += record.frame.length;
+        }
+        if (record.index.chunk_id == kFccVideoChunk) {
+            add_to_segments(table, &last_count, record);
+            ++counts.video;
+        } else {
+            ++counts.audio;
+        }
+        counts.end = record_end(record);
+    }
+    return counts;
+}
+
+RecordedTime recorded_time(const RecSegStrn &table) {
+    RecordedTime time{0, std::max(table.rec_seg_cnt - 1, 0) * INT64_C(40000)};
+    for (int32_t i = 0; i < table.rec_seg_cnt; ++i) {
+        const RecSegEntry segment = table.segments[i];
+        time.seconds += segment.end_sec - segment.begin_sec + 1;
+    }
+    return time;
+}
+
+bool is_frame_head(const FrameRecHead &head) {
+    return head.junk_fcc == kFccJunk && head.frame.uiStartId == KELM_AVIFILE_FRAME_START_ID && head.chunk_size % 2 == 0 &&
+           static_cast<int64_t>(head.chunk_size) + kRecordHead <= CPacketManager::kFrameRingSize &&
+           head.frame.length <= head.chunk_size;
+}
+
+int64_t whole_records_end(platform::File *stream, int64_t from, int64_t file_end) {
+    FrameRecHead head{};
+    for (;;) {
+        stream->Seek(from, platform::SeekFrom::begin);
+        if (stream->Read(&head, sizeof(head)) != sizeof(head) || !is_frame_head(head)) return from;
+        const int64_t end = from + kRecordHead + head.chunk_size;
+        if (end > file_end) return from;
+        from = end;
+    }
 }
 
 int32_t sum_data_size(const RecSegStrn &table, int64_t begin, int64_t end, uint32_t mask) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 #include "avi/avi_format.h"
 #include "platform/file.h"
@@ -36,6 +37,30 @@ int32_t get_recinfo_of_entries(const RecSegEntry *entries, int32_t count, uint32
 // Copies the valid segments of a table. `count` is the room, and then the number copied; 0 and FAILED when the table is
 // empty or does not fit.
 int32_t copy_recseg_info(const RecSegStrn &table, RecSegEntry *entries, int32_t *count);
+// Where the frame record of a side record ends.
+int64_t record_end(const FrameIdxRec &record);
+// Is this the head of a frame record, of a size that can have been recorded?
+bool is_frame_head(const FrameRecHead &head);
+// The end of the last whole frame record of those that stand back to back from `from` on.
+int64_t whole_records_end(platform::File *stream, int64_t from, int64_t file_end);
+
+struct FrameCounts {
+    int32_t video = 0;
+    int32_t audio = 0;
+    int64_t end = kHeadSize;  // of the last frame
+};
+// Builds a file's tables from its side file, up to the first record whose frame is not whole in the file, and hands each
+// index entry out.
+FrameCounts rebuild_tables(platform::File *side, int64_t file_end, RecSegStrn *table,
+                           const std::function<void(const Idx1Entry &)> &each);
+
+struct RecordedTime {
+    int64_t seconds;
+    int64_t microseconds;
+};
+// Recorded time by the segments: each counts as its whole seconds plus one, each boundary as 40 ms.
+RecordedTime recorded_time(const RecSegStrn &table);
+
 // Bytes of a table's key-frame intervals that begin in a range and share a type with the mask.
 int32_t sum_data_size(const RecSegStrn &table, int64_t begin, int64_t end, uint32_t mask);
 

@@ -1,5 +1,6 @@
 #include "avi/avi_writer.h"
 
+#include <algorithm>
 #include <memory>
 #include <new>
 #include <utility>
@@ -22,15 +23,11 @@ constexpr uint32_t kFillerAdpcm = 164;
 constexpr uint32_t kFillerG711 = 320;
 constexpr int32_t kDirectFreeSlots = 200;  // a side file has room
 constexpr int32_t kIndexDelay = 20;        // milliseconds after which a side record is in the side file
-constexpr int32_t kIndexBlock = 40;        // records copied to the index between two pauses
-constexpr int32_t kIndexPause = 2;         // milliseconds
+constexpr int32_t kTicksBetweenNameChecks = 50;
+constexpr int32_t kIndexBlock = 40;  // records copied to the index between two pauses
+constexpr int32_t kIndexPause = 2;   // milliseconds
 // Frames end here, so that the index of a file that never sees a key frame again still ends below 2 GiB.
 constexpr int64_t kMaxMoviEnd = 0x7C000000;
-
-int64_t record_end(const FrameIdxRec &record) {
-    return record_pos_of(record.index.offset) + static_cast<int64_t>(sizeof(FrameRecHead)) + record.index.length +
-           record.index.length % 2;
-}
 
 }  // namespace
 
@@ -38,8 +35,8 @@ int64_t record_end(const FrameIdxRec &record) {
 
 int32_t AviFileState::close_finish() {
     if (!has_streams()) return KELM_AVIFILE_FAILED;
-    const bool finished = write_idx1();
-    if (finished) update_fhead();
+    // The side file is what a cut file is mended from. It goes when nothing of this one is left to be lost.
+    const bool finished = write_idx1() && update_fhead() && m_head_stream.Sync();
     m_side_stream.Close();
     m_head_stream.Close();
     if (finished) CFileManager::delete_file(m_idx_path.c_str());
@@ -63,34 +60,33 @@ bool AviFileState::write_idx1() {
 
 // Copies the first 16 bytes of each side record whose frame is in the file, and counts the frames anew.
 bool AviFileState::copy_index(int64_t movi_end, uint32_t *index_bytes) {
+    int64_t left = m_side_stream.Seek(0, platform::SeekFrom::end) / static_cast<int64_t>(sizeof(FrameIdxRec));
     m_side_stream.Seek(0, platform::SeekFrom::begin);
     m_video_cnt = m_audio_cnt = 0;
     FrameIdxRec records[kIndexBlock];
     Idx1Entry entries[kIndexBlock];
-    for (bool more = true; more; platform::sleep_ms(kIndexPause)) {
-        const size_t count = m_side_stream.Read(records, sizeof(records)) / sizeof(records[0]);
-        more = count == kIndexBlock;
+    for (; left > 0; platform::sleep_ms(kIndexPause)) {
+        const auto count = static_cast<size_t>(std::min<int64_t>(left, kIndexBlock));
+        if (m_side_stream.Read(records, count * sizeof(records[0])) != count * sizeof(records[0])) return false;
         size_t used = 0;
-        for (; used < count; ++used) {
-            const FrameIdxRec &record = records[used];
-            const int64_t position = record_pos_of(record.index.offset);
-            if (position > movi_end || position + record.frame.length > movi_end) break;
-            entries[used] = record.index;
-            ++(record.index.chunk_id == kFccVideoChunk ? m_video_cnt : m_audio_cnt);
+        for (; used < count && kelm_avi::record_end(records[used]) <= movi_end; ++used) {
+            entries[used] = records[used].index;
+            ++(entries[used].chunk_id == kFccVideoChunk ? m_video_cnt : m_audio_cnt);
         }
         if (m_head_stream.Write(entries, used * sizeof(entries[0])) != used * sizeof(entries[0])) return false;
         *index_bytes += static_cast<uint32_t>(used * sizeof(entries[0]));
-        if (used < count) break;
+        left = used < count ? 0 : left - static_cast<int64_t>(count);
     }
     return true;
 }
 
-void AviFileState::update_fhead() {
+bool AviFileState::update_fhead() {
+    bool written = true;
     if (m_video_cnt > 0) {
         kelm_avi::write_frame_rate(&m_head_stream, m_rec_sec, m_rec_usec, m_video_cnt);
-        kelm_avi::write_int(&m_head_stream, offsetof(AviHead, main.streams), m_audio_cnt > 0 ? 2 : 1);
+        written = kelm_avi::write_int(&m_head_stream, offsetof(AviHead, main.streams), m_audio_cnt > 0 ? 2 : 1);
     }
-    kelm_avi::write_sizes(&m_head_stream, m_video_cnt, m_audio_cnt);
+    return kelm_avi::write_sizes(&m_head_stream, m_video_cnt, m_audio_cnt) && written;
 }
 
 // ---- Opening ----
@@ -108,6 +104,8 @@ void kelm_avi_writer::reset() {
     m_packet_mngr = nullptr;
     m_side_size = 0;
     m_write_failed = false;
+    m_full = false;
+    m_ticks = 0;
 }
 
 int32_t kelm_avi_writer::open_file(const char *path, uint32_t width, uint32_t height, CPacketManager *packet_mngr) {
@@ -222,16 +220,23 @@ int32_t kelm_avi_writer::write_frame(const FrameHead &head, const void *data, ui
 }
 
 int32_t kelm_avi_writer::store_frame(FrameRecHead *record, const void *data, uint32_t len, int32_t *position) {
-    if (static_cast<int64_t>(m_write_pos) + record->chunk_size + sizeof(*record) > kMaxMoviEnd) {
-        LOG_WARN("file is full, drop current frame, write_pos = %d\n", m_write_pos);
-        return KELM_AVIFILE_NO_ROOM;
+    if (!m_full && static_cast<int64_t>(m_write_pos) + record->chunk_size + sizeof(*record) > kMaxMoviEnd) {
+        LOG_WARN("file is full, drop all frames up to the next one, write_pos = %d\n", m_write_pos);
+        m_full = true;
     }
+    if (m_full) return KELM_AVIFILE_NO_ROOM;
     if (m_packet_mngr != nullptr) return m_packet_mngr->SetFrameData(record, data, static_cast<int32_t>(len), position);
-    // A short write is in the log.
-    m_avi_fio.write_file(record, sizeof(*record));
-    m_avi_fio.write_file(data, static_cast<int32_t>(len));
-    if (len % 2 != 0) m_avi_fio.write_file("", 1);
-    return KELM_AVIFILE_OK;
+    return store_direct(*record, data, len);
+}
+
+// A frame that could be written in part is taken back, so that the next one stands where its index entry says.
+int32_t kelm_avi_writer::store_direct(const FrameRecHead &record, const void *data, uint32_t len) {
+    const auto size = static_cast<int32_t>(len);
+    const bool written = m_avi_fio.write_file(&record, sizeof(record)) == static_cast<int32_t>(sizeof(record)) &&
+                         m_avi_fio.write_file(data, size) == size && (size % 2 == 0 || m_avi_fio.write_file("", 1) == 1);
+    if (written) return KELM_AVIFILE_OK;
+    m_avi_fio.truncate_file(m_write_pos);
+    return KELM_AVIFILE_NO_ROOM;
 }
 
 // Gives the number of side records that still find room.
@@ -239,8 +244,11 @@ int32_t kelm_avi_writer::store_side_record(const FrameIdxRec &record) {
     int32_t free_slots = kDirectFreeSlots;
     if (m_packet_mngr != nullptr) {
         m_packet_mngr->SetIdxInfo(&record, &free_slots);
+    } else if (m_side_stream.Write(&record, sizeof(record)) == sizeof(record)) {
+        m_side_size += static_cast<int64_t>(sizeof(record));
     } else {
-        m_side_stream.Write(&record, sizeof(record));
+        LOG_TRACE();
+        m_side_stream.Seek(m_side_size, platform::SeekFrom::begin);
     }
     return free_slots;
 }
@@ -314,7 +322,7 @@ int64_t kelm_avi_writer::frame_duration(const KeyFrameEntry &entry) {
         return kDefaultDuration;
     }
     if (interval > kLongestStep) return kDefaultDuration;
-    return (static_cast<int64_t>(entry.second) - m_last_video_sec) * 1000000 +
+    return static_cast<int64_t>(static_cast<int32_t>(entry.second - m_last_video_sec)) * 1000000 +
            (static_cast<int64_t>(entry.microsecond) - m_last_video_usec);
 }
 
@@ -362,8 +370,18 @@ int32_t kelm_avi_writer::ThreadFunc(uint32_t) {
         m_write_failed = true;
         return KELM_AVIFILE_FAILED;
     }
-    if (!have_block) m_write_thrd.WaitForWork(kIndexDelay);
+    if (have_block) return KELM_AVIFILE_OK;
+    check_name();
+    m_write_thrd.WaitForTick(kIndexDelay);
     return KELM_AVIFILE_OK;
+}
+
+// A file that was removed, or whose volume went, takes what is written and keeps none of it: the next key frame has to go
+// elsewhere. Looked at once a second.
+void kelm_avi_writer::check_name() {
+    if (++m_ticks < kTicksBetweenNameChecks) return;
+    m_ticks = 0;
+    if (!CFileManager::file_exists(m_avi_path.c_str())) m_write_failed = true;
 }
 
 // What could not be written stays in the ring: it still belongs at the place behind what was.
@@ -421,33 +439,25 @@ bool kelm_avi_writer::flush_packets() {
             written = written && m_head_stream.Write(data, want) == want;
         }
     }
-    return write_side_records() && written;
+    write_side_records();  // frames without a side record stay in the file, and out of its index
+    return written;
 }
 
-// The disk did not take everything. The file is cut behind its last whole frame record that has a side record, and the
-// tables forget what lay behind it.
+// The disk did not take everything: the file is cut behind its last whole frame record, and tables and counts are made anew
+// from the side file, so that they know no more than that.
 void kelm_avi_writer::drop_torn_tail() {
     const int64_t size = m_head_stream.Seek(0, platform::SeekFrom::end);
-    FrameIdxRec record{};
-    int64_t end = kHeadSize;
-    for (int64_t pos = m_side_size; pos > 0;) {
-        pos -= static_cast<int64_t>(sizeof(record));
-        m_side_stream.Seek(pos, platform::SeekFrom::begin);
-        if (m_side_stream.Read(&record, sizeof(record)) != sizeof(record) || record_end(record) > size) continue;
-        end = record_end(record);
-        break;
-    }
+    const auto ignore = [](const Idx1Entry &) {};
+    const kelm_avi::FrameCounts counts = kelm_avi::rebuild_tables(&m_side_stream, size, &m_recseg_strn, ignore);
+    const int64_t end = kelm_avi::whole_records_end(&m_head_stream, counts.end, size);
     LOG_WARN("file %s is cut, size = %d, end = %d\n", m_avi_path.c_str(), static_cast<int32_t>(size),
              static_cast<int32_t>(end));
-    m_head_stream.Truncate(end);
-    RecSegStrn &table = m_recseg_strn;
-    while (table.key_frame_cnt > 0 && table.key_frames[table.key_frame_cnt - 1].position >= end) --table.key_frame_cnt;
-    if (record.frame.second == 0) return;  // a filler frame has no time
-    const int64_t second = record.frame.second;
-    while (table.rec_seg_cnt > 1 && table.segments[table.rec_seg_cnt - 1].begin_sec > second) --table.rec_seg_cnt;
-    if (table.rec_seg_cnt < 1) return;
-    RecSegEntry &last = table.segments[table.rec_seg_cnt - 1];
-    if (second >= last.begin_sec && second < last.end_sec) last.end_sec = second;
+    if (!m_head_stream.Truncate(end)) LOG_TRACE();
+    m_video_cnt = counts.video;
+    m_audio_cnt = counts.audio;
+    const kelm_avi::RecordedTime time = kelm_avi::recorded_time(m_recseg_strn);
+    m_rec_sec = time.seconds;
+    m_rec_usec = time.microseconds;
 }
 
 AviFileState kelm_avi_writer::copy_for_close() { return std::move(static_cast<AviFileState &>(*this)); }

@@ -10,13 +10,13 @@
 //   2. close_finish, on a background thread, on the AviFileState that copy_for_close took out of the writer: appends the
 //      index, built from the side file, patches the sizes again, and deletes the side file.
 // Invariants:
-//   - A file without its side file is complete. The side file goes last, and only when everything before it was written.
+//   - A file without its side file is complete. The side file goes last, and only when everything before it is on disk.
 //   - The position of a frame record is known when the frame is taken. So nothing ever stands in the file at another place:
 //     what a failed write left in the ring is written there later or not at all.
 //   - A file ends with a whole frame record.
 //
-// When a write fails the writer thread ends, write_failed() becomes true, and the ring fills; the owner closes the file at
-// the next key frame, which writes the rest if that is possible by then.
+// When a write fails the writer thread ends, and the ring fills; write_failed() tells it, and so it does when the file has
+// lost its name. The owner then closes the file at the next key frame, which writes the rest if that is possible by then.
 //
 // Threads. All calls come under the owner's lock. While a file is open, the writer thread uses m_avi_fio, the side stream
 // and the consumer's end of the rings, and the caller everything else; in direct mode the caller uses all of it. Owned by
@@ -46,7 +46,7 @@ class AviFileState {
 
  protected:
     bool has_streams() const { return m_head_stream.IsOpen() && m_side_stream.IsOpen(); }
-    void update_fhead();
+    bool update_fhead();
 
     platform::File m_head_stream;  // a second handle on the record file: head, index and tail
     platform::File m_side_stream;
@@ -85,8 +85,8 @@ class kelm_avi_writer : public AviFileState {
     bool open_is_cur_file(const char *name) const;
     // Appends one frame. NO_ROOM or FAILED from the live buffer: nothing has changed.
     int32_t write_data(const FrameHead &head, const void *data, uint32_t len);
-    // The tables are full: the next key frame has to begin another file.
-    bool need_switch_file() const { return m_seg_started >= kMaxSegments || m_key_frame_seen >= kMaxKeyFrames; }
+    // The tables or the file are full: the next key frame has to begin another file.
+    bool need_switch_file() const { return m_seg_started >= kMaxSegments || m_key_frame_seen >= kMaxKeyFrames || m_full; }
     bool write_failed() const { return m_write_failed.load(std::memory_order_relaxed); }
     void set_rec_type(uint32_t mask) { m_rec_type = mask; }
 
@@ -122,6 +122,8 @@ class kelm_avi_writer : public AviFileState {
     bool write_pieces(const CPacketManager::Pieces &pieces);
     bool flush_packets();
     void drop_torn_tail();
+    int32_t store_direct(const FrameRecHead &record, const void *data, uint32_t len);
+    void check_name();
 
     CFileIO m_avi_fio;
     RecSegStrn m_recseg_strn{};
@@ -129,6 +131,8 @@ class kelm_avi_writer : public AviFileState {
     CPacketManager *m_packet_mngr = nullptr;
     int64_t m_side_size = 0;  // whole records in the side file; the writer thread's while it runs
     std::atomic<bool> m_write_failed{false};
+    bool m_full = false;  // a frame did not fit below 2 GiB: none is taken any more
+    int32_t m_ticks = 0;  // of the writer thread, up to its next look at the file's name
 };
 
 }  // namespace kelm_recvault

@@ -36,6 +36,8 @@ class File {
     int64_t Tell() const;
     // Cuts or extends the file; the position stays.
     bool Truncate(int64_t size);
+    // Returns when everything written so far has reached the disk.
+    bool Sync();
     // False when what was buffered could not be written. The file is closed in any case.
     bool Close();
 
@@ -79,12 +81,14 @@ class DirWalk {
 
     OpenFolder Open(const char *path);
     bool IsOpen() const { return m_handle != nullptr; }
-    // False at the end. Sizes cost a system call an entry.
+    // False at the end, and on a failure, which Failed tells apart. Sizes cost a system call an entry.
     bool Next(DirEntry *entry, bool with_size);
+    bool Failed() const { return m_failed; }
     void Close();
 
  private:
     void *m_handle = nullptr;
+    bool m_failed = false;
 };
 
 // Size and free bytes of the volume that holds `path`.

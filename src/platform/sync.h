@@ -26,6 +26,9 @@ void event_set(SystemEvent *event);
 // Waits until the event is set or the time is over, and takes the set back. A time of kForever has no end.
 void event_wait(SystemEvent *event, int32_t milliseconds);
 constexpr int32_t kForever = -1;
+// The same up to the next tick of a clock that all threads share, at most `period` milliseconds away: hundreds of threads
+// that wake at one moment cost the system one timer, not hundreds.
+void event_wait_tick(SystemEvent *event, int32_t period);
 
 // A joinable thread.
 struct SystemThread;

@@ -20,6 +20,15 @@ namespace {
 constexpr mode_t kFileMode = 0644;
 constexpr mode_t kFolderMode = 0755;
 
+// Handles 0 to 2 belong to the application's standard streams, also where it has closed them: a log line must never reach a
+// record file.
+int above_standard_streams(int handle) {
+    if (handle < 0 || handle > STDERR_FILENO) return handle;
+    const int moved = fcntl(handle, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    close(handle);
+    return moved;
+}
+
 int open_flags(OpenMode mode) {
     switch (mode) {
         case OpenMode::read: return O_RDONLY;
@@ -52,7 +61,7 @@ File &File::operator=(File &&other) noexcept {
 bool File::Open(const char *path, OpenMode mode, size_t buffer_size) {
     Close();
     do {
-        m_handle = open(path, open_flags(mode) | O_CLOEXEC, kFileMode);
+        m_handle = above_standard_streams(open(path, open_flags(mode) | O_CLOEXEC, kFileMode));
     } while (m_handle < 0 && errno == EINTR);
     // A folder opens for reading; it is no file.
     struct stat info {};
@@ -163,6 +172,8 @@ bool File::Truncate(int64_t size) {
     return IsOpen() && Flush() && ftruncate(m_handle, size) == 0;
 }
 
+bool File::Sync() { return IsOpen() && Flush() && fdatasync(m_handle) == 0; }
+
 bool File::Close() {
     if (!IsOpen()) return true;
     const bool flushed = Flush();
@@ -190,6 +201,7 @@ bool remove_file(const char *path) { return unlink(path) == 0; }
 
 OpenFolder DirWalk::Open(const char *path) {
     Close();
+    m_failed = false;
     m_handle = opendir(path);
     if (IsOpen()) return OpenFolder::opened;
     return errno == ENOENT || errno == ENOTDIR ? OpenFolder::not_there : OpenFolder::failed;
@@ -198,8 +210,12 @@ OpenFolder DirWalk::Open(const char *path) {
 bool DirWalk::Next(DirEntry *entry, bool with_size) {
     if (!IsOpen()) return false;
     auto *directory = static_cast<DIR *>(m_handle);
+    errno = 0;
     const dirent *found = readdir(directory);
-    if (found == nullptr) return false;
+    if (found == nullptr) {
+        m_failed = errno != 0;
+        return false;
+    }
     *entry = DirEntry{};
     std::memcpy(entry->name, found->d_name, strnlen(found->d_name, sizeof(entry->name) - 1));
     struct stat info {};
@@ -230,7 +246,7 @@ bool volume_space(const char *path, uint64_t *total, uint64_t *free_bytes) {
 }
 
 FolderLock lock_folder(const char *path, int *handle) {
-    *handle = open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    *handle = above_standard_streams(open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (*handle < 0) return FolderLock::unavailable;
     if (flock(*handle, LOCK_EX | LOCK_NB) == 0) return FolderLock::taken;
     const bool held = errno == EWOULDBLOCK;

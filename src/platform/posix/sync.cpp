@@ -73,31 +73,35 @@ void event_set(SystemEvent *event) {
 
 namespace {
 
-timespec monotonic_after(int32_t milliseconds) {
-    timespec until{};
-    clock_gettime(CLOCK_MONOTONIC, &until);
-    const long nanoseconds = until.tv_nsec + (milliseconds % 1000) * 1000000L;
-    until.tv_sec += milliseconds / 1000 + nanoseconds / 1000000000L;
-    until.tv_nsec = nanoseconds % 1000000000L;
-    return until;
+constexpr int64_t kNanosecondsPerSecond = 1000000000;
+
+int64_t monotonic_ns() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * kNanosecondsPerSecond + now.tv_nsec;
 }
 
-int wait_for_change(SystemEvent *event, const timespec *until) {
-    if (until == nullptr) return pthread_cond_wait(&event->changed, &event->mutex);
-    return pthread_cond_timedwait(&event->changed, &event->mutex, until);
+void wait_until(SystemEvent *event, int64_t deadline_ns) {
+    const timespec deadline{deadline_ns / kNanosecondsPerSecond, deadline_ns % kNanosecondsPerSecond};
+    pthread_mutex_lock(&event->mutex);
+    event->waiting = true;
+    while (!event->set && pthread_cond_timedwait(&event->changed, &event->mutex, &deadline) == 0) {
+    }
+    event->set = event->waiting = false;
+    pthread_mutex_unlock(&event->mutex);
 }
 
 }  // namespace
 
 void event_wait(SystemEvent *event, int32_t milliseconds) {
-    const bool forever = milliseconds == kForever;
-    const timespec until = forever ? timespec{} : monotonic_after(milliseconds);
-    pthread_mutex_lock(&event->mutex);
-    event->waiting = true;
-    while (!event->set && wait_for_change(event, forever ? nullptr : &until) == 0) {
-    }
-    event->set = event->waiting = false;
-    pthread_mutex_unlock(&event->mutex);
+    // Three centuries are for ever.
+    const int64_t nanoseconds = milliseconds == kForever ? INT64_MAX / 2 : milliseconds * INT64_C(1000000);
+    wait_until(event, monotonic_ns() + nanoseconds);
+}
+
+void event_wait_tick(SystemEvent *event, int32_t period) {
+    const int64_t period_ns = period * INT64_C(1000000);
+    wait_until(event, (monotonic_ns() / period_ns + 1) * period_ns);
 }
 
 struct SystemThread {
