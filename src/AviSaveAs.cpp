@@ -47,7 +47,7 @@ int32_t CAviSaveAs::SetRecFrame(const FrameHead &head, const void *data, uint32_
     const auto *bytes = static_cast<const uint8_t *>(data);
     FrameHead frame = head;
     for (uint32_t i = 0; i < count; ++i) {
-        write_avi_file(frame, bytes, length);
+        if (is_audio_frame(frame.type)) write_avi_file(frame, bytes, length);
         if (i + 1 == count) break;
         std::memcpy(&frame, bytes + length, sizeof(frame));
         bytes += length + sizeof(frame);
@@ -96,7 +96,11 @@ int32_t CAviSaveAs::write_avi_file(const FrameHead &head, const void *data, uint
     const bool is_key = is_i_frame(head.type);
     if (m_auto_name && is_video_frame(head.type)) check_switch(head);
     if (m_auto_name && m_need_switch && is_key) {
-        if (m_avi_writer.is_open()) m_avi_writer.close(nullptr, nullptr);
+        int32_t closed_size = 0;
+        if (m_avi_writer.is_open()) {
+            m_avi_writer.close(&closed_size, &m_end_sec);
+            m_file_size = closed_size;
+        }
         m_need_switch = false;
     }
     if (!m_avi_writer.is_open()) {

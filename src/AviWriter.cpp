@@ -17,6 +17,7 @@ constexpr int64_t kIdleSeconds = 1800;
 constexpr int32_t kFrameCost = 52;      // what a frame is reckoned at beside its data
 constexpr uint32_t kAudioStep = 40000;  // microseconds between the audio frames of one delivery
 constexpr size_t kManyWaitingFiles = 10;
+constexpr int32_t kHoldsOfAFile = 2;  // on its partition
 
 FrameHead timed(const FrameHead &head, uint32_t sec, uint32_t usec) {
     FrameHead copy = head;
@@ -41,40 +42,26 @@ int32_t CAviWriter::StartRec(uint32_t rec_type_mask, uint32_t dev_idx) {
     }
     m_dev_idx = dev_idx;
     int32_t result = m_lock.IsCreated() ? KELM_AVIFILE_OK : m_lock.Create();
-    if (result == KELM_AVIFILE_OK) result = StartParts();
-    if (result != KELM_AVIFILE_OK) {
-        LOG_TRACE();
-        m_state = State::idle;
-        return result;
-    }
-    {
-        const CAutoMutex lock(&m_lock);
-        m_rec_type = rec_type_mask;
-        m_day = CGlobalObject::Instance().now_utc() / kSecondsPerDay;
-    }
-    m_state.store(State::started, std::memory_order_release);
-    return KELM_AVIFILE_OK;
+    if (result == KELM_AVIFILE_OK) result = StartParts(rec_type_mask);
+    if (result != KELM_AVIFILE_OK) LOG_TRACE();
+    m_state = result == KELM_AVIFILE_OK ? State::started : State::idle;
+    return result;
 }
 
 // All or nothing.
-int32_t CAviWriter::StartParts() {
+int32_t CAviWriter::StartParts(uint32_t rec_type_mask) {
     auto writer = std::unique_ptr<kelm_avi_writer>(new (std::nothrow) kelm_avi_writer);
-    if (!writer) {
-        LOG_TRACE();
-        return KELM_AVIFILE_NO_MEMORY;
-    }
+    if (!writer) return KELM_AVIFILE_NO_MEMORY;
     const int32_t buffered = m_packet_mngr.Initialize(true);
-    if (buffered != KELM_AVIFILE_OK) {
-        LOG_TRACE();
-        return buffered;
-    }
+    if (buffered != KELM_AVIFILE_OK) return buffered;
     const int32_t assisted = StartAssistThrd();
     if (assisted != KELM_AVIFILE_OK) {
-        LOG_TRACE();
         m_packet_mngr.Uninitialize();
         return assisted;
     }
     const CAutoMutex lock(&m_lock);
+    m_rec_type = rec_type_mask;
+    m_day = CGlobalObject::Instance().now_utc() / kSecondsPerDay;
     m_writer = std::move(writer);
     return KELM_AVIFILE_OK;
 }
@@ -101,13 +88,19 @@ int32_t CAviWriter::StopRec() {
     }
     Report(closed);
     StopParts();
-    m_state.store(State::idle, std::memory_order_release);
+    m_state = State::idle;
     return KELM_AVIFILE_OK;
+}
+
+void CAviWriter::StopForGood() {
+    if (IsStarted()) StopRec();
+    while (m_state != State::idle) platform::sleep_ms(1);
 }
 
 void CAviWriter::StopParts() {
     StopAssistThrd();
     m_packet_mngr.Uninitialize();
+    m_dev_idx = 0;
     const CAutoMutex lock(&m_lock);
     m_rec_type = 1;
     m_width = m_height = 0;
@@ -120,13 +113,18 @@ void CAviWriter::StopParts() {
 
 void CAviWriter::StopAssistThrd() {
     if (m_thread.Stop() != KELM_AVIFILE_OK) LOG_TRACE();
+    std::vector<FileToFinish> left;
     {
         const CAutoMutex lock(&m_sync_lock);
-        for (AviFileState &file : m_sync_list) file.close_finish();
-        m_sync_list.clear();
-        m_sync_list.shrink_to_fit();
+        left.swap(m_sync_list);
     }
+    for (FileToFinish &file : left) file.Finish();
     m_sync_lock.Close();
+}
+
+void CAviWriter::FileToFinish::Finish() {
+    file.close_finish();
+    ask_storage::ReleasePartition(disk_idx, 1);
 }
 
 int32_t CAviWriter::SetRecordType(uint32_t mask) {
@@ -198,6 +196,7 @@ int32_t CAviWriter::write_avi_file(const FrameHead &head, const void *data, uint
         const int32_t checked = CPacketManager::CheckFrame(head, data, static_cast<int32_t>(data_len));
         if (checked != KELM_AVIFILE_OK) return checked;
         switch_if_needed(head);
+        if (!m_writer) return KELM_AVIFILE_NOT_RUNNING;
     }
     if (!file_open()) {
         if (!is_key) return KELM_AVIFILE_OK;
@@ -278,36 +277,31 @@ void CAviWriter::switch_if_needed(const FrameHead &head) {
 // ---- Opening and closing ----
 
 int32_t CAviWriter::open_next_file(const FrameHead &head) {
-    const uint32_t cur_sec = head.seconds;
     const uint32_t opened_before = m_opened;
     RecFileName name{};
-    int32_t named = KELM_AVIFILE_OK;
     {
         const CAutoUnlock unlock(&m_lock);
-        named = ask_storage::GetRecFileName(m_dev_idx, m_channel, cur_sec, &name);
+        if (ask_storage::GetRecFileName(m_dev_idx, m_channel, head.seconds, &name) != KELM_AVIFILE_OK) {
+            return KELM_AVIFILE_FAILED;
+        }
     }
-    if (file_open()) return KELM_AVIFILE_OK;  // by another thread that delivers on this channel
-    // Gone: the recording was stopped. Opened meanwhile, and closed again: the name is not free any more.
-    if (named != KELM_AVIFILE_OK || !m_writer || m_opened != opened_before) return KELM_AVIFILE_FAILED;
-    if (m_writer->open_file(name.path, head.width, head.height, &m_packet_mngr) != KELM_AVIFILE_OK) {
-        LOG_TRACE();
-        return KELM_AVIFILE_FAILED;
-    }
-    begin_file(name, cur_sec);
-    const RecFileNode node = m_file;
-    const uint32_t opened = m_opened;
-    int32_t reported = KELM_AVIFILE_OK;
-    {
+    // Gone: the recording was stopped. Opened meanwhile by another thread that delivers on this channel: the name is not
+    // free.
+    const bool mine = m_writer && m_opened == opened_before && open_named_file(name, head);
+    if (mine) {
+        report_open();
+    } else {
         const CAutoUnlock unlock(&m_lock);
-        reported = ask_storage::AddRecNodeInfo(name.disk_idx, node, true);
+        ask_storage::ReleasePartition(name.disk_idx, kHoldsOfAFile);
     }
-    if (!file_open()) return KELM_AVIFILE_FAILED;
-    // The partition was taken out of use between the name and the report: the file ends with the next key frame.
-    if (reported != KELM_AVIFILE_OK && opened == m_opened) m_need_switch = true;
-    return KELM_AVIFILE_OK;
+    return file_open() ? KELM_AVIFILE_OK : KELM_AVIFILE_FAILED;
 }
 
-void CAviWriter::begin_file(const RecFileName &name, uint32_t cur_sec) {
+bool CAviWriter::open_named_file(const RecFileName &name, const FrameHead &head) {
+    if (m_writer->open_file(name.path, head.width, head.height, &m_packet_mngr) != KELM_AVIFILE_OK) {
+        LOG_TRACE();
+        return false;
+    }
     ++m_opened;
     m_writer->set_rec_type(m_rec_type);
     m_disk_idx = name.disk_idx;
@@ -315,13 +309,29 @@ void CAviWriter::begin_file(const RecFileName &name, uint32_t cur_sec) {
     m_file = RecFileNode{};
     copy_text(m_file.rec_file_path, name.path);
     m_file.type = m_rec_type;
-    m_file.begin_sec = m_file.end_sec = cur_sec;
+    m_file.begin_sec = m_file.end_sec = head.seconds;
     m_file.channel = static_cast<uint32_t>(m_channel);
     m_file.file_size = kHeadSize;
+    return true;
+}
+
+void CAviWriter::report_open() {
+    const RecFileNode node = m_file;
+    const int32_t disk_idx = m_disk_idx;
+    m_reporting = true;
+    {
+        const CAutoUnlock unlock(&m_lock);
+        ask_storage::AddRecNodeInfo(disk_idx, node, true);
+    }
+    m_reporting = false;
 }
 
 // First stage of the close of the open file, if there is one; what is to be reported comes back.
 std::optional<CAviWriter::ClosedFile> CAviWriter::close_current() {
+    while (m_reporting) {
+        const CAutoUnlock unlock(&m_lock);
+        platform::sleep_ms(1);
+    }
     if (!file_open()) return std::nullopt;
     close_avi_fast(&m_file.file_size, &m_file.end_sec);
     const ClosedFile closed{m_file, m_disk_idx};
@@ -331,7 +341,7 @@ std::optional<CAviWriter::ClosedFile> CAviWriter::close_current() {
 
 int32_t CAviWriter::close_avi_fast(int32_t *file_size, int64_t *end_sec) {
     m_writer->close_fast(file_size, end_sec);
-    AviFileState file = m_writer->copy_for_close();
+    FileToFinish file{m_writer->copy_for_close(), m_disk_idx};
     m_writer->reset();
     m_packet_mngr.ResetBuffers();
     const CAutoMutex lock(&m_sync_lock);
@@ -344,11 +354,13 @@ int32_t CAviWriter::close_avi_fast(int32_t *file_size, int64_t *end_sec) {
 }
 
 void CAviWriter::Report(const std::optional<ClosedFile> &closed) {
-    if (closed) ask_storage::AddRecNodeInfo(closed->disk_idx, closed->node, false);
+    if (!closed) return;
+    ask_storage::AddRecNodeInfo(closed->disk_idx, closed->node, false);
+    ask_storage::ReleasePartition(closed->disk_idx, 1);
 }
 
 int32_t CAviWriter::ThreadFunc(uint32_t) {
-    std::optional<AviFileState> file;
+    std::optional<FileToFinish> file;
     {
         const CAutoMutex lock(&m_sync_lock);
         if (!m_sync_list.empty()) {
@@ -357,7 +369,7 @@ int32_t CAviWriter::ThreadFunc(uint32_t) {
         }
     }
     if (file) {
-        file->close_finish();
+        file->Finish();
     } else {
         m_thread.WaitForWork(platform::kForever);
     }
@@ -383,7 +395,15 @@ int32_t CAviWriter::SwitchRecFile() {
     return KELM_AVIFILE_OK;
 }
 
+int32_t CAviWriter::SwitchRecFileByName(const char *path) { return IsWriting(path) ? SwitchRecFile() : KELM_AVIFILE_FAILED; }
+
 // ---- Questions ----
+
+bool CAviWriter::IsWriting(const char *path) {
+    if (!IsStarted()) return false;
+    const CAutoMutex lock(&m_lock);
+    return is_open_file(path);
+}
 
 bool CAviWriter::IsRecording() {
     if (!IsStarted()) return false;

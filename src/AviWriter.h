@@ -12,8 +12,9 @@
 //
 // Locks: m_lock, then m_sync_lock or the lock of m_packet_mngr. m_lock is held for the whole handling of a frame and
 // released around every call into storage. After such a call the writer may be gone (the recording was stopped) or another
-// file may be open; both are looked at again. m_lock is created by the first start and lives on: a late frame may still wait
-// for it.
+// file may be open; both are looked at again. One who closes a file waits until its opening has been reported (m_reporting),
+// so that the two reports of a file never overtake each other. m_lock is created by the first start and lives on: a late
+// frame may still wait for it.
 #pragma once
 
 #include <atomic>
@@ -47,12 +48,17 @@ class CAviWriter {
     int32_t StartRec(uint32_t rec_type_mask, uint32_t dev_idx);
     // Returns with all files finished. FAILED when it is not started.
     int32_t StopRec();
+    // The same for one who takes the recorder out of use: also waits for a stop that runs on another thread.
+    void StopForGood();
     // For what comes from now on; the file's segment changes with the next key frame. NOT_RUNNING when it is not started.
     int32_t SetRecordType(uint32_t mask);
     // One delivery: a video frame, or audio frames. NOT_RUNNING when it is not started; a dropped frame is no failure.
     int32_t SetRecFrame(const FrameHead &head, const void *data, uint32_t data_len, uint32_t sec, uint32_t usec);
     // Closes the current file. The next key frame opens another.
     int32_t SwitchRecFile();
+    // The same if the current file is that file, else FAILED.
+    int32_t SwitchRecFileByName(const char *path);
+    bool IsWriting(const char *path);
     bool IsRecording();
     // Has the last frame been written more than half an hour ago?
     bool IsNeedToClose(int64_t now);
@@ -70,9 +76,15 @@ class CAviWriter {
         RecFileNode node;
         int32_t disk_idx;
     };
+    // A file that was closed and waits for its second stage.
+    struct FileToFinish {
+        AviFileState file;
+        int32_t disk_idx;
+        void Finish();
+    };
 
-    bool IsStarted() const { return m_state.load(std::memory_order_acquire) == State::started; }
-    int32_t StartParts();
+    bool IsStarted() const { return m_state == State::started; }
+    int32_t StartParts(uint32_t rec_type_mask);
     void StopParts();
     int32_t StartAssistThrd();
     void StopAssistThrd();
@@ -86,7 +98,9 @@ class CAviWriter {
     void check_limits(uint32_t cur_sec) RCVT_REQUIRES(m_lock);
     void switch_if_needed(const FrameHead &head) RCVT_REQUIRES(m_lock);
     int32_t open_next_file(const FrameHead &head) RCVT_REQUIRES(m_lock);
-    void begin_file(const RecFileName &name, uint32_t cur_sec) RCVT_REQUIRES(m_lock);
+    bool open_named_file(const RecFileName &name, const FrameHead &head) RCVT_REQUIRES(m_lock);
+    void report_open() RCVT_REQUIRES(m_lock);
+    bool is_open_file(const char *path) RCVT_REQUIRES(m_lock) { return file_open() && m_writer->open_is_cur_file(path); }
     std::optional<ClosedFile> close_current() RCVT_REQUIRES(m_lock);
     int32_t close_avi_fast(int32_t *file_size, int64_t *end_sec) RCVT_REQUIRES(m_lock);
     static void Report(const std::optional<ClosedFile> &closed);
@@ -101,8 +115,9 @@ class CAviWriter {
     uint32_t m_height RCVT_GUARDED_BY(m_lock) = 0;
     int32_t m_codec_id RCVT_GUARDED_BY(m_lock) = 1;
     int64_t m_day RCVT_GUARDED_BY(m_lock) = 0;
-    RecFileNode m_file RCVT_GUARDED_BY(m_lock){};   // of the open file; file_size is an estimate. Zero without one
-    uint32_t m_opened RCVT_GUARDED_BY(m_lock) = 0;  // files opened so far
+    RecFileNode m_file RCVT_GUARDED_BY(m_lock){};      // of the open file; file_size is an estimate. Zero without one
+    uint32_t m_opened RCVT_GUARDED_BY(m_lock) = 0;     // files opened so far
+    bool m_reporting RCVT_GUARDED_BY(m_lock) = false;  // the opening of the file is being reported
     bool m_need_switch RCVT_GUARDED_BY(m_lock) = false;
     int32_t m_disk_idx RCVT_GUARDED_BY(m_lock) = -1;
     int32_t m_max_file_size RCVT_GUARDED_BY(m_lock) = 0x40000000;
@@ -110,7 +125,7 @@ class CAviWriter {
     CPacketManager m_packet_mngr;  // filled under m_lock, emptied by the writer's thread
     CThread<CAviWriter> m_thread;  // the assist thread
     CMutex m_sync_lock{LockRank::sync_list};
-    std::vector<AviFileState> m_sync_list RCVT_GUARDED_BY(m_sync_lock);  // closed files to be finished, oldest first
+    std::vector<FileToFinish> m_sync_list RCVT_GUARDED_BY(m_sync_lock);  // oldest first
 };
 
 }  // namespace kelm_recvault

@@ -1,6 +1,11 @@
 #include "Crossing.h"
 
+#include <recvault/recvault.h>
+
+#include <new>
+
 #include "GlobalObj.h"
+#include "Log.h"
 #include "Mutex.h"
 #include "RecDevManager.h"
 #include "StorageManager.h"
@@ -15,7 +20,7 @@ CStorageMngr &leave_recording() {
 }
 
 CRecDevMngr &leave_storage() {
-    CMutex::AssertNoneHeld(LockRank::deletion, LockRank::current_disk);
+    CMutex::AssertNoneHeld(LockRank::index_files, LockRank::current_disk);
     return CGlobalObject::Instance().RecDevMngr();
 }
 
@@ -23,13 +28,22 @@ CRecDevMngr &leave_storage() {
 
 namespace ask_storage {
 
-int32_t GetRecFileName(uint32_t dev_idx, int32_t channel, uint32_t cur_sec, RecFileName *name) {
+// A recorder has no use for an exception: it has a file in hand.
+int32_t GetRecFileName(uint32_t dev_idx, int32_t channel, uint32_t cur_sec, RecFileName *name) try {
     return leave_recording().GetRecFileName(dev_idx, channel, cur_sec, name);
+} catch (const std::bad_alloc &) {
+    LOG_TRACE();
+    return KELM_AVIFILE_NO_MEMORY;
 }
 
-int32_t AddRecNodeInfo(int32_t disk_idx, const RecFileNode &node, bool is_new) {
+int32_t AddRecNodeInfo(int32_t disk_idx, const RecFileNode &node, bool is_new) try {
     return leave_recording().AddRecNodeInfo(disk_idx, node, is_new);
+} catch (const std::bad_alloc &) {
+    LOG_TRACE();
+    return KELM_AVIFILE_NO_MEMORY;
 }
+
+void ReleasePartition(int32_t disk_idx, int32_t holds) { leave_recording().ReleasePartition(disk_idx, holds); }
 
 }  // namespace ask_storage
 
@@ -40,6 +54,8 @@ int32_t GetDevName(uint32_t dev_idx, char *name, uint32_t size) { return leave_s
 int64_t GetCurRecFileSize(int32_t disk_idx) { return leave_storage().GetCurRecFileSize(disk_idx); }
 
 void SwitchAllRecFile() { leave_storage().SwitchAllRecFile(); }
+
+bool IsWriting(const char *path) { return leave_storage().IsWriting(path); }
 
 }  // namespace ask_recording
 

@@ -21,10 +21,13 @@ struct RecFileName {
 // Asked by recording.
 namespace ask_storage {
 
-// FAILED when there is no partition to record on, or its folder cannot be made.
+// FAILED when there is no partition to record on, or its folder cannot be made. A name comes with two holds on its
+// partition, which is not ended while there is one: the first is given back when the close of the file has been reported,
+// the second when the file has been finished, both when it was not opened.
 int32_t GetRecFileName(uint32_t dev_idx, int32_t channel, uint32_t cur_sec, RecFileName *name);
-// Reports a file when it is opened and when it is closed. FAILED when its partition is not in use any more.
+// Reports a file when it is opened and when it is closed, by one who holds its partition.
 int32_t AddRecNodeInfo(int32_t disk_idx, const RecFileNode &node, bool is_new);
+void ReleasePartition(int32_t disk_idx, int32_t holds);
 
 }  // namespace ask_storage
 
@@ -37,6 +40,8 @@ int32_t GetDevName(uint32_t dev_idx, char *name, uint32_t size);
 int64_t GetCurRecFileSize(int32_t disk_idx);
 // Every recording channel closes its file, and asks for a new name with its next key frame.
 void SwitchAllRecFile();
+// Is a recorder writing this file?
+bool IsWriting(const char *path);
 
 }  // namespace ask_recording
 

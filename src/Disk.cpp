@@ -34,7 +34,7 @@ int32_t CDisk::Initialize(int32_t idx, const DiskConfig &config, const char *fol
     LOG_INFO("%s: max_save_hour = %d, priority = %d \n", m_acRecFolder, static_cast<int32_t>(config.max_save_hour),
              config.priority);
     if (LockRoot() != KELM_AVIFILE_OK) return KELM_AVIFILE_FAILED;
-    for (CMutex *mutex : {&m_mtxRecIdx, &m_mtxSpace, &m_mtxDelete}) {
+    for (CMutex *mutex : {&m_mtxRecIdx, &m_mtxSpace, &m_mtxIndex}) {
         const int32_t created = mutex->Create();
         if (created == KELM_AVIFILE_OK) continue;
         LOG_TRACE();
@@ -63,7 +63,7 @@ int32_t CDisk::Destroy() {
     }
     m_mtxRecIdx.Close();
     m_mtxSpace.Close();
-    m_mtxDelete.Close();
+    m_mtxIndex.Close();
     platform::unlock_folder(m_root_lock);
     m_root_lock = -1;
     m_nDiskIdx = -1;
@@ -182,41 +182,52 @@ int32_t CDisk::AddRecNodeInfo(const RecFileNode &node, bool is_new) {
     CFileManager::path_to_slash(entry.rec_file_path);
     std::string day;
     if (GetDayOfPath(entry.rec_file_path, &day) != KELM_AVIFILE_OK) return KELM_AVIFILE_FAILED;
+    const CAutoMutex lock(&m_mtxIndex);
     CRecIndex index;
-    GetRecIdxObj(&index, day, true);
-    if (is_new) {
-        index.insert_file_node(entry);
-        return KELM_AVIFILE_OK;
+    if (GetRecIdxObj(&index, day, is_new || CFileManager::file_exists(entry.rec_file_path)) != KELM_AVIFILE_OK) {
+        return KELM_AVIFILE_OK;  // deleted meanwhile, and its day with it
     }
-    bool deleted = false;
-    index.update_file_node(entry, &deleted);
-    if (!deleted && entry.file_size > 0) AddRecUsedSpace(static_cast<uint64_t>(entry.file_size));
+    if (is_new) {
+        index.insert_file_node(entry, true);
+    } else if (EnterClosedFile(&index, entry) == KELM_AVIFILE_OK) {
+        AddRecUsedSpace(static_cast<uint64_t>(std::max(entry.file_size, 0)));
+    }
     return KELM_AVIFILE_OK;
 }
 
-int32_t CDisk::DelRecFilePair(const char *path) {
-    const int32_t deleted = CFileManager::delete_avi_file(path);
-    if (deleted != KELM_AVIFILE_OK) return deleted;
-    CFileManager::delete_avi_file((std::string(path) + kSideSuffix).c_str());
-    return KELM_AVIFILE_OK;
+// Into the record that its opening made or, where that could not be written, into one of its own.
+int32_t CDisk::EnterClosedFile(CRecIndex *index, const RecFileNode &node) {
+    bool deleted = false;
+    const int32_t updated = index->update_file_node(node, &deleted);
+    if (deleted) return KELM_AVIFILE_FAILED;
+    if (updated == KELM_AVIFILE_OK || !CFileManager::file_exists(node.rec_file_path)) return updated;
+    return index->insert_file_node(node, false);
 }
 
 int32_t CDisk::DelRecFile(const char *path) {
-    const CAutoMutex lock(&m_mtxDelete);
     std::string day;
     if (GetDayOfPath(path, &day) != KELM_AVIFILE_OK) return KELM_AVIFILE_FAILED;
-    // Asked before the file goes: its folder may take the index along.
-    const RecordedSize recorded = CRecIndex::find_recorded_size(path);
-    const int32_t size = recorded.known ? recorded.bytes : CFileManager::get_file_size(path);
-    if (DelRecFilePair(path) != KELM_AVIFILE_OK) return KELM_AVIFILE_FAILED;
-    DecRecUsedSpace(static_cast<uint64_t>(std::max(size, 0)));
+    const int32_t size = CFileManager::get_file_size(path);
+    const bool was_there = CFileManager::file_exists(path);
+    if (was_there && CFileManager::delete_file(path) != KELM_AVIFILE_OK) return KELM_AVIFILE_FAILED;
+    CFileManager::delete_file((std::string(path) + kSideSuffix).c_str());
     CRecIndex index;
-    if (GetRecIdxObj(&index, day, false) != KELM_AVIFILE_OK) {
-        LOG_TRACE();
-        return KELM_AVIFILE_FAILED;
-    }
-    if (recorded.known) index.delete_file_node(path);
-    return DelEmptyDay(day);
+    const bool known_day = GetRecIdxObj(&index, day, false) == KELM_AVIFILE_OK;
+    ForgetFile(path, day, was_there ? size : 0);
+    if (known_day) return KELM_AVIFILE_OK;
+    LOG_TRACE();
+    return KELM_AVIFILE_FAILED;
+}
+
+// Takes a file that is gone out of its index and out of the account, and the folders that hold no other.
+void CDisk::ForgetFile(const char *path, const std::string &day, int32_t size_without_record) {
+    const CAutoMutex lock(&m_mtxIndex);
+    RecordedSize recorded;
+    CRecIndex().delete_file_node(path, &recorded);
+    const int32_t size = recorded.known ? recorded.bytes : size_without_record;
+    DecRecUsedSpace(static_cast<uint64_t>(std::max(size, 0)));
+    CFileManager::prune_above(path);
+    DelEmptyDay(day);
 }
 
 int32_t CDisk::DelEmptyDay(const std::string &day) {

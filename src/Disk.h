@@ -5,8 +5,10 @@
 // entered by the recorders (AddRecNodeInfo, GetMaxRecFileSize), the monitor and the application's threads.
 //
 // Locks. m_mtxRecIdx guards the map of days, m_mtxSpace the numbers; they are never held together, nor across a file
-// operation or a call into recording. m_mtxDelete, which comes before both, lets one deletion run at a time: what two of
-// them find out about one file would otherwise leave the account twice.
+// operation or a call into recording. m_mtxIndex, which comes before both, lets one change of the index files run at a time,
+// with the pruning of folders behind a deletion: a close and a deletion of one file, or two deletions, would otherwise undo
+// each other's record and its share in the account, and a folder go while a file is entered in its index. Held for a few
+// small reads and writes; never while a record file itself is deleted, which can take long.
 //
 // The account. m_nRecUsedSpace holds closed files only. A file enters it once, when it is closed, with the size that its
 // index record keeps, and leaves it with that size. Open files are asked of the recorders.
@@ -85,7 +87,8 @@ class CDisk {
     void AddRecUsedSpace(uint64_t bytes);
     // Leaves the counter alone when it holds less.
     void DecRecUsedSpace(uint64_t bytes);
-    static int32_t DelRecFilePair(const char *path);
+    void ForgetFile(const char *path, const std::string &day, int32_t size_without_record);
+    int32_t EnterClosedFile(CRecIndex *index, const RecFileNode &node);
     int32_t DelEmptyDay(const std::string &day);
 
     // Constant between Initialize and Destroy.
@@ -93,7 +96,7 @@ class CDisk {
     char m_acRecFolder[128] = {};
     int m_root_lock = -1;
 
-    CMutex m_mtxDelete{LockRank::deletion};
+    CMutex m_mtxIndex{LockRank::index_files};
     CMutex m_mtxRecIdx{LockRank::day_map};
     std::map<std::string, CRecIndex> m_mapRecIdx RCVT_GUARDED_BY(m_mtxRecIdx);  // by day folder, oldest first
     CMutex m_mtxSpace{LockRank::space};

@@ -29,7 +29,7 @@ enum class LockRank : int32_t {
     sync_list,
     live_frames,
     partition_set,
-    deletion,
+    index_files,
     space,
     day_map,
     current_disk,

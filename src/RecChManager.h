@@ -33,6 +33,10 @@ class CStorageChMngr {
     void SetDevInfo(uint32_t dev_idx, const char *name);
     const CDevName &GetDevName() const { return m_dev_name; }
 
+    // Refuses frames and starts from now on; true for the first who says so. The name and the files stay known.
+    bool Leave() { return !m_leaving.exchange(true); }
+    bool IsLeaving() const { return m_leaving; }
+    // Returns with all channels idle.
     void StopAllRec();
     // Starts a channel, or changes the record type of one that records.
     int32_t StartRec(uint32_t channel, uint32_t mask);
@@ -40,6 +44,10 @@ class CStorageChMngr {
     int32_t SetRecFrame(uint32_t channel, const FrameHead &head, const void *data, uint32_t data_len, uint32_t sec,
                         uint32_t usec);
     void SwitchAllRecFile();
+    int32_t SwitchRecFileByName(uint32_t channel, const char *path) { return m_channels[channel].SwitchRecFileByName(path); }
+    // Of a channel, or, for one out of range, of the channel whose folder stands in the path.
+    bool IsWriting(int32_t channel, const char *path);
+    int32_t GetRecChanCnt();
     int64_t GetCurRecFileSize(int32_t disk_idx);
     // Closes the files of channels that have stopped getting frames.
     void CloseIdleRecFiles(int64_t now);
@@ -49,6 +57,7 @@ class CStorageChMngr {
     void for_each_recording(Visit visit);
 
     std::atomic<uint32_t> m_dev_idx{0};
+    std::atomic<bool> m_leaving{false};
     CDevName m_dev_name;
     std::array<CAviWriter, kMaxChannels> m_channels;
 };

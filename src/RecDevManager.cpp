@@ -66,15 +66,17 @@ int32_t CRecDevMngr::Find(uint32_t dev_idx, CStorageChMngr **device) {
     return KELM_AVIFILE_OK;
 }
 
-// The number is taken out of use first: of two that end one device one alone goes on, and nobody starts a channel behind it.
+// While it leaves, the device is still known by its name, and its open files are still counted.
 int32_t CRecDevMngr::DestroyDev(uint32_t dev_idx) {
     CStorageChMngr *device = nullptr;
     const int32_t found = Find(dev_idx, &device);
     if (found != KELM_AVIFILE_OK) return found;
-    const auto number = static_cast<int32_t>(dev_idx);
-    if (!m_ids.TakeOutOfUse(number)) return KELM_AVIFILE_NOT_RUNNING;
+    if (!device->Leave()) {  // another thread is at it
+        LOG_TRACE();
+        return KELM_AVIFILE_NOT_RUNNING;
+    }
     device->StopAllRec();
-    m_ids.DestroyHandle(number);
+    m_ids.DestroyHandle(static_cast<int32_t>(dev_idx));
     return KELM_AVIFILE_OK;
 }
 
@@ -106,15 +108,8 @@ int32_t CRecDevMngr::GetDevIdx(const char *path) {
 
 int32_t CRecDevMngr::StartRec(uint32_t dev_idx, uint32_t channel, uint32_t mask) {
     CStorageChMngr *device = nullptr;
-    int32_t result = Find(dev_idx, &device);
-    if (result != KELM_AVIFILE_OK) return result;
-    result = device->StartRec(channel, mask);
-    // The device was released meanwhile, and this channel perhaps already passed over.
-    if (result == KELM_AVIFILE_OK && !IsRegistered(dev_idx)) {
-        device->StopRec(channel);
-        return KELM_AVIFILE_NOT_RUNNING;
-    }
-    return result;
+    const int32_t found = Find(dev_idx, &device);
+    return found == KELM_AVIFILE_OK ? device->StartRec(channel, mask) : found;
 }
 
 int32_t CRecDevMngr::StopRec(uint32_t dev_idx, uint32_t channel) {
@@ -139,6 +134,33 @@ void CRecDevMngr::for_each_device(Visit visit) {
 
 void CRecDevMngr::SwitchAllRecFile() {
     for_each_device([](CStorageChMngr &device) { device.SwitchAllRecFile(); });
+}
+
+int32_t CRecDevMngr::SwitchRecFileByName(uint32_t channel, const char *path) {
+    const auto dev_idx = static_cast<uint32_t>(GetDevIdx(path));
+    if (!IsRegistered(dev_idx)) {
+        LOG_TRACE();
+        return KELM_AVIFILE_NOT_RUNNING;
+    }
+    if (channel >= CStorageChMngr::kMaxChannels) {
+        LOG_TRACE();
+        return KELM_AVIFILE_BAD_ARGUMENT;
+    }
+    return m_devices[dev_idx]->SwitchRecFileByName(channel, path);
+}
+
+bool CRecDevMngr::IsWriting(uint32_t dev_idx, int32_t channel, const char *path) {
+    if (dev_idx >= static_cast<uint32_t>(kSlots)) {
+        LOG_TRACE();
+        return false;
+    }
+    return IsRegistered(dev_idx) && m_devices[dev_idx]->IsWriting(channel, path);
+}
+
+int32_t CRecDevMngr::GetRecChanCnt() {
+    int32_t count = 0;
+    for_each_device([&count](CStorageChMngr &device) { count += device.GetRecChanCnt(); });
+    return count;
 }
 
 int64_t CRecDevMngr::GetCurRecFileSize(int32_t disk_idx) {

@@ -41,6 +41,11 @@ class CRecDevMngr {
                         uint32_t sec, uint32_t usec);
 
     void SwitchAllRecFile();
+    // By path: the device is found by its name in it. NOT_RUNNING when there is none, BAD_ARGUMENT for a bad channel.
+    int32_t SwitchRecFileByName(uint32_t channel, const char *path);
+    bool IsWriting(uint32_t dev_idx, int32_t channel, const char *path);
+    bool IsWriting(const char *path) { return IsWriting(static_cast<uint32_t>(GetDevIdx(path)), -1, path); }
+    int32_t GetRecChanCnt();
     int64_t GetCurRecFileSize(int32_t disk_idx);
 
     // The body of the sweep thread.

@@ -120,7 +120,7 @@ int32_t CRecIndex::get_nodeidx_fname(const char *dev_name, int32_t channel, char
     return store_path(m_vlist_fname + device + folder + kIndexFileName, out, out_size);
 }
 
-int32_t CRecIndex::insert_file_node(const RecFileNode &node) {
+int32_t CRecIndex::insert_file_node(const RecFileNode &node, bool is_recording) {
     char index_path[256];
     if (get_nodeidxz_fname(node.rec_file_path, index_path, sizeof(index_path)) != KELM_AVIFILE_OK)
         return KELM_AVIFILE_FAILED;
@@ -140,7 +140,7 @@ int32_t CRecIndex::insert_file_node(const RecFileNode &node) {
     record.type = node.type;
     record.file_size = node.file_size;
     record.channel = node.channel;
-    record.is_recording = 1;
+    record.is_recording = is_recording ? 1 : 0;
     const int64_t end = file.Seek(0, platform::SeekFrom::end);
     if (file.Write(&record, sizeof(record)) != sizeof(record)) {
         LOG_ERR("%s write fail!\n", index_path);
@@ -183,7 +183,8 @@ int32_t CRecIndex::update_file_node(const RecFileNode &node, bool *deleted) {
     return KELM_AVIFILE_OK;
 }
 
-int32_t CRecIndex::delete_file_node(const char *file_path) {
+int32_t CRecIndex::delete_file_node(const char *file_path, RecordedSize *recorded) {
+    *recorded = RecordedSize{};
     IndexedName file_name{};
     if (split_record_path(file_path, &file_name) != KELM_AVIFILE_OK) return KELM_AVIFILE_FAILED;
     platform::File file;
@@ -193,6 +194,8 @@ int32_t CRecIndex::delete_file_node(const char *file_path) {
     }
     RecIndexRecord record{};
     if (!find_first_record(&file, file_name.name, &record)) return KELM_AVIFILE_FAILED;
+    recorded->known = true;
+    recorded->bytes = record.type == 0 || record.is_recording != 0 ? 0 : record.file_size;
     record.type = 0;
     if (!rewrite_record(&file, record)) {
         LOG_ERR("%s write fail!\n", file_name.index_path);
@@ -202,21 +205,6 @@ int32_t CRecIndex::delete_file_node(const char *file_path) {
     file.Close();
     decrease_rec_cnt(file_name.index_path);
     return KELM_AVIFILE_OK;
-}
-
-RecordedSize CRecIndex::find_recorded_size(const char *file_path) {
-    RecordedSize size;
-    IndexedName file_name{};
-    if (split_record_path(file_path, &file_name) != KELM_AVIFILE_OK) return size;
-    platform::File file;
-    RecIndexRecord record{};
-    if (!file.Open(file_name.index_path, platform::OpenMode::read, kIndexBuffer) ||
-        !find_first_record(&file, file_name.name, &record)) {
-        return size;
-    }
-    size.known = true;
-    size.bytes = record.type == 0 || record.is_recording != 0 ? 0 : record.file_size;
-    return size;
 }
 
 int32_t CRecIndex::decrease_rec_cnt(const char *index_path) {

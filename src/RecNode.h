@@ -43,10 +43,10 @@ static_assert(sizeof(RecIndexRecord) == 312 && offsetof(RecIndexRecord, file_siz
               offsetof(RecIndexRecord, begin_sec) == 272 && offsetof(RecIndexRecord, end_sec) == 280 &&
               offsetof(RecIndexRecord, is_recording) == 292);
 
-// What a record says of a file's space in the account of the partition.
+// What a record had in the account of the partition.
 struct RecordedSize {
-    bool known = false;  // there is a record that is not deleted
-    int32_t bytes = 0;   // of a closed file; an open one is not in the account
+    bool known = false;  // there is a record
+    int32_t bytes = 0;   // of a closed file; neither an open one nor one that was deleted before is in the account
 };
 
 class CRecIndex {
@@ -61,16 +61,14 @@ class CRecIndex {
     int32_t get_nodeidx_fname(const char *dev_name, int32_t channel, char *out, size_t out_size) const;
     static int32_t get_recfile_full_path(const char *index_path, const char *file_name, char *out, size_t out_size);
 
-    // Appends the record of a file that was opened; makes the index file if need be.
-    int32_t insert_file_node(const RecFileNode &node);
+    // Appends the record of a file that is being recorded, or was closed; makes the index file if need be.
+    int32_t insert_file_node(const RecFileNode &node, bool is_recording);
     // Rewrites the record of a file that was closed, the last one of its name. `deleted` tells that the record was deleted
     // meanwhile; it stays so.
     int32_t update_file_node(const RecFileNode &node, bool *deleted);
     // Marks the first record of a file's name that is not deleted yet as deleted, and removes the index of a folder without
     // record files.
-    int32_t delete_file_node(const char *file_path);
-    // What the record of a file has in the account.
-    static RecordedSize find_recorded_size(const char *file_path);
+    int32_t delete_file_node(const char *file_path, RecordedSize *recorded);
     static int32_t decrease_rec_cnt(const char *index_path);
     // Does the folder of the day, or of one device in it, hold record files? One that does not is removed.
     bool check_rec_dir(uint32_t dev_idx);

@@ -10,6 +10,10 @@
 
 namespace kelm_recvault {
 
+namespace {
+constexpr size_t kAutoNameLength = 10;  // "143000.avi"
+}
+
 int32_t CAviSaveAsMngr::Initialize() {
     for (Slot &slot : m_slots) {
         if (slot.lock.Create() != KELM_AVIFILE_OK) LOG_TRACE();
@@ -28,16 +32,10 @@ int32_t CAviSaveAsMngr::Destroy() {
 int32_t CAviSaveAsMngr::StartRec(uint32_t *slot, const char *path, bool by_name) {
     std::string target(path);
     CFileManager::path_to_slash(target.data());
-    bool auto_name = false;
-    if (target.size() <= kMaxPath && !by_name && !target.ends_with(".avi")) {
-        if (CFileManager::create_file_dir(target.c_str()) != KELM_AVIFILE_OK) {
-            LOG_TRACE();
-            return KELM_AVIFILE_BAD_ARGUMENT;
-        }
-        if (target.back() != '/') target += '/';
-        auto_name = true;
-    }
-    if (target.size() > kMaxPath) {
+    const bool auto_name = !by_name && !CFileManager::is_avi_file(target.c_str());
+    if (auto_name && target.back() != '/') target += '/';
+    const bool fits = target.size() + (auto_name ? kAutoNameLength : 0) <= kMaxPath;
+    if (!fits || (auto_name && CFileManager::create_file_dir(target.c_str()) != KELM_AVIFILE_OK)) {
         LOG_TRACE();
         return KELM_AVIFILE_BAD_ARGUMENT;
     }

@@ -43,21 +43,29 @@ std::string free_file_name(const std::string &folder, const DateTimeFields &time
 
 // ---- Pins ----
 
-CStorageMngr::CDiskPin::CDiskPin(CStorageMngr *owner, int32_t slot) : m_owner(owner), m_slot(slot) {
+CStorageMngr::CDiskPin::CDiskPin(CStorageMngr *owner, int32_t slot, bool holder) : m_owner(owner), m_slot(slot) {
     if (slot < 0 || slot >= kMaxPartitions) return;
     const CAutoMutex lock(&m_owner->m_mtxPins);
-    if (!m_owner->m_DiskIds.IsHandleBusy(slot)) return;
-    ++m_owner->m_pins[static_cast<size_t>(slot)];
+    int32_t &pins = m_owner->m_pins[static_cast<size_t>(slot)];
+    if (holder ? pins == 0 : !m_owner->m_DiskIds.IsHandleBusy(slot)) return;
+    ++pins;
     m_disk = &m_owner->m_aDisk[static_cast<size_t>(slot)];
 }
 
 CStorageMngr::CDiskPin::~CDiskPin() {
-    if (m_disk == nullptr) return;
-    const auto slot = static_cast<size_t>(m_slot);
-    const CAutoMutex lock(&m_owner->m_mtxPins);
-    if (--m_owner->m_pins[slot] == 0 && !m_owner->m_DiskIds.IsHandleBusy(m_slot)) {
-        platform::event_set(m_owner->m_unpinned[slot]);
-    }
+    if (m_disk != nullptr) m_owner->ReleasePartition(m_slot, 1);
+}
+
+void CStorageMngr::Hold(int32_t slot, int32_t holds) {
+    const CAutoMutex lock(&m_mtxPins);
+    m_pins[static_cast<size_t>(slot)] += holds;
+}
+
+void CStorageMngr::ReleasePartition(int32_t disk_idx, int32_t holds) {
+    const auto slot = static_cast<size_t>(disk_idx);
+    const CAutoMutex lock(&m_mtxPins);
+    m_pins[slot] -= holds;
+    if (m_pins[slot] == 0 && !m_DiskIds.IsHandleBusy(disk_idx)) platform::event_set(m_unpinned[slot]);
 }
 
 bool CStorageMngr::IsPinned(int32_t slot) {
@@ -164,25 +172,20 @@ int32_t CStorageMngr::AddNewPartition(const RecPartitionInfo &info, const DiskCo
     return KELM_AVIFILE_OK;
 }
 
-// New files go elsewhere first; then the open ones are closed, and reported while the partition is still there; then nobody
-// finds it any more; and when the last one who had found it is gone, it is ended.
 int32_t CStorageMngr::DelRecPartition(const char *path) {
     const int32_t slot = GetDiskIdxByPath(path);
-    if (slot == kNoDisk) {
+    if (slot == kNoDisk || !m_DiskIds.TakeOutOfUse(slot)) {
         LOG_TRACE();
         return KELM_AVIFILE_FAILED;
     }
-    const bool was_current = GetCurDisk() == slot;
-    if (was_current) SetCurDisk(FindBestDisk(slot));
-    if (was_current || ask_recording::GetCurRecFileSize(slot) > 0) ask_recording::SwitchAllRecFile();
-    if (!m_DiskIds.TakeOutOfUse(slot)) {
-        LOG_TRACE();
-        return KELM_AVIFILE_FAILED;
+    CDisk &disk = m_aDisk[static_cast<size_t>(slot)];
+    if (GetCurDisk() == slot) SelectCurDisk(false);
+    while (IsPinned(slot)) {
+        if (ask_recording::GetCurRecFileSize(slot) > 0) ask_recording::SwitchAllRecFile();
+        platform::event_wait(m_unpinned[static_cast<size_t>(slot)], platform::kForever);
     }
-    while (IsPinned(slot)) platform::event_wait(m_unpinned[static_cast<size_t>(slot)], platform::kForever);
-    m_aDisk[static_cast<size_t>(slot)].Destroy();
+    disk.Destroy();
     m_DiskIds.DestroyHandle(slot);
-    SelectCurDisk(false);
     return KELM_AVIFILE_OK;
 }
 
@@ -244,11 +247,10 @@ bool CStorageMngr::IsCurDiskExist() {
     return disk && disk->IsDiskExist();
 }
 
-int32_t CStorageMngr::FindBestDisk(int32_t without) {
+int32_t CStorageMngr::FindBestDisk() {
     int32_t best_priority = 0;
     int32_t best = kNoDisk;
     for (int32_t slot = 0; slot < kMaxPartitions && best_priority != kBestPriority; ++slot) {
-        if (slot == without) continue;
         const CDiskPin disk(this, slot);
         if (!disk || disk->IsDiskFull(true) || disk->GetPriority() <= best_priority) continue;
         best_priority = disk->GetPriority();
@@ -258,11 +260,13 @@ int32_t CStorageMngr::FindBestDisk(int32_t without) {
 }
 
 void CStorageMngr::SelectCurDisk(bool switch_files) {
-    const int32_t best = FindBestDisk(kNoDisk);
-    const int32_t current = GetCurDisk();
-    if (current >= 0 && current == best) return;
     const bool old_existed = IsCurDiskExist();
+    const int32_t old = GetCurDisk();
+    int32_t best = FindBestDisk();
+    if (old >= 0 && old == best) return;
     SetCurDisk(best);
+    // The one that was found may have been removed before it was set.
+    while (best != kNoDisk && !m_DiskIds.IsHandleBusy(best)) SetCurDisk(best = FindBestDisk());
     if (old_existed && switch_files) ask_recording::SwitchAllRecFile();
 }
 
@@ -298,16 +302,20 @@ int32_t CStorageMngr::GetRecFileName(uint32_t dev_idx, int32_t channel, uint32_t
     copy_text(name->path, path.c_str());
     name->disk_idx = slot;
     name->max_file_size = static_cast<int32_t>(disk->GetMaxRecFileSize());
+    Hold(slot, 2);
     return KELM_AVIFILE_OK;
 }
 
 int32_t CStorageMngr::AddRecNodeInfo(int32_t disk_idx, const RecFileNode &node, bool is_new) {
-    const CDiskPin disk(this, disk_idx);
+    const CDiskPin disk(this, disk_idx, true);
     if (!disk) {
         LOG_TRACE();
         return KELM_AVIFILE_FAILED;
     }
-    return disk->AddRecNodeInfo(node, is_new);
+    const int32_t result = disk->AddRecNodeInfo(node, is_new);
+    // Opened on a partition that is being removed: whoever removes it has to tell the recorder again.
+    if (is_new && !m_DiskIds.IsHandleBusy(disk_idx)) platform::event_set(m_unpinned[static_cast<size_t>(disk_idx)]);
+    return result;
 }
 
 int32_t CStorageMngr::DelRecFile(int32_t disk_idx, const char *path) {
@@ -321,7 +329,8 @@ int32_t CStorageMngr::DelRecFile(int32_t disk_idx, const char *path) {
 
 int32_t CStorageMngr::DelRecFileByName(const char *path) {
     const int32_t slot = GetDiskIdxByFile(path);
-    if (slot == kNoDisk) {
+    // A file that is open cannot be deleted: its recorder would go on writing into nothing.
+    if (slot == kNoDisk || ask_recording::IsWriting(path)) {
         LOG_TRACE();
         return KELM_AVIFILE_FAILED;
     }

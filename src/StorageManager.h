@@ -4,8 +4,10 @@
 // One instance, owned by CGlobalObject; entered by the recorders and by any application thread. No lock of it is held across
 // a call into recording.
 //
-// A partition is used through a pin: CDiskPin is taken for one operation and keeps the partition from being destroyed.
-// DelRecPartition first makes the slot invisible, then waits until the last pin is gone.
+// A partition is used through holds, which keep it from being destroyed: a CDiskPin for one operation, and those of a
+// recorder from the name of a file to its finish. DelRecPartition first makes the slot invisible, so that nobody comes in
+// any more, tells the recorders to leave their files, and waits until the last hold is gone; those who have one still get
+// in.
 #pragma once
 
 #include <recvault/recvault.h>
@@ -38,13 +40,16 @@ class CStorageMngr {
 
     int32_t GetRecFileName(uint32_t dev_idx, int32_t channel, uint32_t cur_sec, RecFileName *name);
     int32_t AddRecNodeInfo(int32_t disk_idx, const RecFileNode &node, bool is_new);
+    void ReleasePartition(int32_t disk_idx, int32_t holds);
+    // FAILED for a file that lies on no partition, or that is being recorded.
     int32_t DelRecFileByName(const char *path);
 
  private:
-    // A use of the partition in a slot, for the length of one operation. Empty when the slot is not in use.
+    // A use of the partition in a slot, for the length of one operation. Empty when the slot is not in use; for a holder,
+    // when it has no holds.
     class CDiskPin {
      public:
-        CDiskPin(CStorageMngr *owner, int32_t slot);
+        CDiskPin(CStorageMngr *owner, int32_t slot, bool holder = false);
         ~CDiskPin();
         CDiskPin(const CDiskPin &) = delete;
         CDiskPin &operator=(const CDiskPin &) = delete;
@@ -68,9 +73,10 @@ class CStorageMngr {
     int32_t GetCurDisk();
     void SetCurDisk(int32_t slot);
     bool IsCurDiskExist();
+    void Hold(int32_t slot, int32_t holds);
     // Chooses the partition for new files: the highest priority above 0 that is not full, the lowest slot among equals.
     void SelectCurDisk(bool switch_files);
-    int32_t FindBestDisk(int32_t without);
+    int32_t FindBestDisk();
     int32_t AddOrChange(const RecPartitionInfo &info);
     int32_t AddNewPartition(const RecPartitionInfo &info, const DiskConfig &config);
     bool IsPinned(int32_t slot);
@@ -83,8 +89,9 @@ class CStorageMngr {
 
     CMutex m_mtxAdd{LockRank::partition_set};  // one change of the set of partitions at a time
     CMutex m_mtxPins{LockRank::handle_table};
-    std::array<int32_t, kMaxPartitions> m_pins RCVT_GUARDED_BY(m_mtxPins){};
-    std::array<platform::SystemEvent *, kMaxPartitions> m_unpinned{};  // set when a slot's last pin goes
+    std::array<int32_t, kMaxPartitions> m_pins RCVT_GUARDED_BY(m_mtxPins){};  // holds of each slot
+    // Set when a slot that is being removed loses its last hold, or a file was still opened on it.
+    std::array<platform::SystemEvent *, kMaxPartitions> m_unpinned{};
 
     CMutex m_mtxCurDisk{LockRank::current_disk};
     int32_t m_nCurDisk RCVT_GUARDED_BY(m_mtxCurDisk) = kNoDisk;

@@ -307,6 +307,16 @@ TEST_F(RecordingTest, SurvivesEverythingAtOnce) {
     done = true;
     starter.join();
     owner.join();
+    for (uint32_t channel = 0; channel < 64; ++channel) KELM_AviFile_RecStop(channel, device);
+    // Every file has been reported in order, and the account is the sum of the records.
+    uint64_t recorded = 0;
+    for (const auto &path : find_files(store.path(), "rec_index.bin")) {
+        for (const auto &record : read_index(path)) {
+            EXPECT_EQ(record.is_recording, 0U) << record.name;
+            if (record.type != 0) recorded += static_cast<uint64_t>(record.file_size);
+        }
+    }
+    EXPECT_EQ(UsedSpace(), recorded);
     KELM_AviFile_UnInit(0);
     EXPECT_EQ(find_files(store.path(), "_idx").size() + find_files(second.path(), "_idx").size(), 0U);
     auto files = Files();

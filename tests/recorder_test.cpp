@@ -276,8 +276,15 @@ TEST_F(Recorder, RecordsWithoutAnIndex) {
     doubles::clear_faults();
     EXPECT_FALSE(fs::exists(Folder() + "rec_index.bin"));
     StoredFile(Folder() + "100000.avi").ExpectComplete();
-    // What entered the account leaves it, though the index chunk has made the file longer since.
-    EXPECT_GT(UsedSpace(), 0U);
+    EXPECT_EQ(UsedSpace(), 0U);  // the account is the sum of the records
+    // An index that comes back takes the next file, also when it comes back between the opening and the close.
+    KELM_AviFile_RecStart(0, 1, device);
+    doubles::inject({.call = doubles::Call::open, .path_end = "rec_index.bin", .times = 2});
+    DeliverKey(kTenOClock + 10);
+    KELM_AviFile_RecStop(0, device);
+    ASSERT_EQ(Records().size(), 1U);
+    EXPECT_EQ(Records()[0].is_recording, 0U);
+    EXPECT_EQ(UsedSpace(), static_cast<uint64_t>(Records()[0].file_size));
 }
 
 TEST_F(Recorder, BeginsANewFileAfterAFailedWrite) {
@@ -297,6 +304,20 @@ TEST_F(Recorder, BeginsANewFileAfterAFailedWrite) {
     DeliverInter(kTenOClock + 2);
     KELM_AviFile_RecStop(0, device);
     for (const auto &path : Files()) StoredFile(path).ExpectComplete();
+}
+
+TEST_F(Recorder, LeavesAFileThatLostItsName) {
+    DeliverKey(kTenOClock);
+    EXPECT_EQ(KELM_AviFile_DelAviFileByName((Folder() + "100000.avi").c_str()), KELM_AVIFILE_FAILED);  // it is being written
+    fs::remove_all(store / "avi_av");
+    ASSERT_TRUE(wait_until([&] {
+        DeliverKey(kTenOClock + 1);
+        return Files().size() == 1;
+    }));
+    KELM_AviFile_RecStop(0, device);
+    EXPECT_THAT(Names(), testing::ElementsAre("100001.avi"));
+    StoredFile(Files()[0]).ExpectComplete();
+    EXPECT_EQ(UsedSpace(), static_cast<uint64_t>(Records()[0].file_size));
 }
 
 TEST_F(Recorder, WaitsForARootThatVanished) {

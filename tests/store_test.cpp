@@ -32,6 +32,7 @@ class Index : public testing::Test {
     std::string folder = dir / "avi_av/20261124/cam/channel05/";
     CRecIndex index;
     bool deleted = false;
+    RecordedSize recorded;
 };
 
 }  // namespace
@@ -39,7 +40,7 @@ class Index : public testing::Test {
 TEST_F(Index, RecordGoesFromOpenToClosedToDeleted) {
     for (const char *name : {"100000.avi", "110000.avi"}) {
         Touch(name);
-        ASSERT_EQ(index.insert_file_node(make_node(folder + name, 36000, 77824)), 0);
+        ASSERT_EQ(index.insert_file_node(make_node(folder + name, 36000, 77824), true), 0);
     }
     ASSERT_EQ(Records().size(), 2U);
     EXPECT_EQ(Records()[1].is_recording, 1U);
@@ -56,42 +57,41 @@ TEST_F(Index, RecordGoesFromOpenToClosedToDeleted) {
     EXPECT_EQ(record.type, 6U);
     EXPECT_EQ(record.channel, 4U);
     EXPECT_EQ(Records()[1].is_recording, 1U);
-    EXPECT_EQ(CRecIndex::find_recorded_size(node.rec_file_path).bytes, 5000000);
-    EXPECT_EQ(index.delete_file_node(node.rec_file_path), 0);
-    EXPECT_EQ(index.delete_file_node(node.rec_file_path), 0);
+    EXPECT_EQ(index.delete_file_node(node.rec_file_path, &recorded), 0);
+    EXPECT_EQ(index.delete_file_node(node.rec_file_path, &recorded), 0);
     EXPECT_EQ(Records()[0].type, 0U);
-    EXPECT_EQ(CRecIndex::find_recorded_size(node.rec_file_path).bytes, 0);
+    EXPECT_EQ(recorded.bytes, 0);
     EXPECT_EQ(index.update_file_node(node, &deleted), 0);
     EXPECT_TRUE(deleted);
     EXPECT_EQ(Records()[0].type, 0U);
     EXPECT_EQ(index.update_file_node(make_node(folder + "none.avi", 1, 1), &deleted), KELM_AVIFILE_FAILED);
-    EXPECT_EQ(index.delete_file_node((folder + "none.avi").c_str()), KELM_AVIFILE_FAILED);
+    EXPECT_EQ(index.delete_file_node((folder + "none.avi").c_str(), &recorded), KELM_AVIFILE_FAILED);
 }
 
 TEST_F(Index, OfTwoRecordsOfANameUpdatesTheLaterAndDeletesTheEarlierThatIsLeft) {
     Touch("100000.avi");
     const RecFileNode node = make_node(folder + "100000.avi", 36000, 77824);
-    index.insert_file_node(node);
-    index.insert_file_node(node);
+    index.insert_file_node(node, true);
+    index.insert_file_node(node, true);
     index.update_file_node(node, &deleted);
     EXPECT_EQ(Records()[0].is_recording, 1U);
     EXPECT_EQ(Records()[1].is_recording, 0U);
-    index.delete_file_node(node.rec_file_path);
+    index.delete_file_node(node.rec_file_path, &recorded);
     EXPECT_EQ(Records()[0].type, 0U);
     EXPECT_EQ(Records()[1].type, 2U);
-    index.delete_file_node(node.rec_file_path);
+    index.delete_file_node(node.rec_file_path, &recorded);
     EXPECT_EQ(Records()[1].type, 0U);
 }
 
 TEST_F(Index, GoesWithItsLastFileAndLeavesNoTornRecord) {
     Touch("100000.avi");
-    index.insert_file_node(make_node(folder + "100000.avi", 36000, 77824));
+    index.insert_file_node(make_node(folder + "100000.avi", 36000, 77824), true);
     doubles::inject({.call = doubles::Call::write, .path_end = "rec_index.bin", .times = 2, .written_before = 100});
-    EXPECT_EQ(index.insert_file_node(make_node(folder + "110000.avi", 36000, 77824)), KELM_AVIFILE_FAILED);
+    EXPECT_EQ(index.insert_file_node(make_node(folder + "110000.avi", 36000, 77824), true), KELM_AVIFILE_FAILED);
     doubles::clear_faults();
     EXPECT_EQ(Records().size(), 1U);
     fs::remove(folder + "100000.avi");
-    index.delete_file_node((folder + "100000.avi").c_str());
+    index.delete_file_node((folder + "100000.avi").c_str(), &recorded);
     EXPECT_FALSE(fs::exists(dir / "avi_av"));
 }
 
@@ -207,6 +207,7 @@ TEST_F(RecordingTest, PartitionIsChosenByPriorityAndRoom) {
     // Its removal closes the file there, and the next key frame goes to what is left.
     EXPECT_EQ(KELM_AviFile_DelRecPartition(best.path().c_str()), 0);
     EXPECT_EQ(read_index(best / "avi_av/20261124/cam/channel01/rec_index.bin")[0].is_recording, 0U);
+    EXPECT_FALSE(fs::exists(best / "avi_av/20261124/cam/channel01/100000.avi_idx"));  // and waits until it is finished
     DeliverKey(kTenOClock + 1);
     EXPECT_EQ(Files().size(), 1U);
     EXPECT_EQ(find_files(full.path(), ".avi").size(), 0U);
