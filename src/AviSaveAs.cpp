@@ -1,7 +1,6 @@
 #include "AviSaveAs.h"
 
 #include <cstdio>
-#include <cstring>
 #include <string>
 
 #include "GlobalObj.h"
@@ -38,19 +37,12 @@ int32_t CAviSaveAs::SetRecFrame(const FrameHead &head, const void *data, uint32_
         LOG_INFO("saveas avi has not stared\n");
         return KELM_AVIFILE_NOT_RUNNING;
     }
-    if (!is_audio_frame(head.type)) {
+    if (is_audio_frame(head.type)) {
+        for_each_audio_frame(head, data, len, [&](uint32_t, const FrameHead &frame, const uint8_t *bytes) {
+            write_avi_file(frame, bytes, head.length);
+        });
+    } else {
         write_avi_file(head, data, len);
-        return KELM_AVIFILE_OK;
-    }
-    const uint32_t count = audio_frames_in_delivery(len, head.length);
-    const uint32_t length = head.length;
-    const auto *bytes = static_cast<const uint8_t *>(data);
-    FrameHead frame = head;
-    for (uint32_t i = 0; i < count; ++i) {
-        if (is_audio_frame(frame.type)) write_avi_file(frame, bytes, length);
-        if (i + 1 == count) break;
-        std::memcpy(&frame, bytes + length, sizeof(frame));
-        bytes += length + sizeof(frame);
     }
     return KELM_AVIFILE_OK;
 }

@@ -1,6 +1,5 @@
 #include "AviWriter.h"
 
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -150,36 +149,17 @@ int32_t CAviWriter::SetRecFrame(const FrameHead &head, const void *data, uint32_
         LOG_INFO("channel %d: record has not stared\n", m_channel);
         return KELM_AVIFILE_NOT_RUNNING;
     }
-    if (is_audio_frame(head.type)) return SetAudioFrames(head, static_cast<const uint8_t *>(data), data_len, sec, usec);
-    if (is_video_frame(head.type)) {
+    if (is_audio_frame(head.type)) {
+        for_each_audio_frame(head, data, data_len, [&](uint32_t number, const FrameHead &frame, const uint8_t *bytes) {
+            const uint64_t frame_usec = static_cast<uint64_t>(usec) + static_cast<uint64_t>(number) * kAudioStep;
+            const uint32_t carry = frame_usec >= 1000000 ? 1 : 0;
+            write_avi_file(timed(frame, sec + carry, static_cast<uint32_t>(frame_usec - carry * 1000000ULL)), bytes,
+                           head.length);
+        });
+    } else if (is_video_frame(head.type)) {
         write_avi_file(timed(head, sec, usec), data, data_len);
     } else {
-        LogUnexpected(head, data_len);
-    }
-    return KELM_AVIFILE_OK;
-}
-
-void CAviWriter::LogUnexpected(const FrameHead &head, uint32_t data_len) {
-    LOG_WARN("unexpected frame, type = %d, len = %d\n", static_cast<int32_t>(head.type), static_cast<int32_t>(data_len));
-}
-
-// The data of the first frame, then the head and the data of each further one.
-int32_t CAviWriter::SetAudioFrames(const FrameHead &head, const uint8_t *data, uint32_t data_len, uint32_t sec,
-                                   uint32_t usec) {
-    const uint32_t count = audio_frames_in_delivery(data_len, head.length);
-    const uint32_t length = head.length;
-    FrameHead frame = head;
-    for (uint32_t i = 0; i < count; ++i) {
-        const uint64_t frame_usec = static_cast<uint64_t>(usec) + static_cast<uint64_t>(i) * kAudioStep;
-        const uint32_t carry = frame_usec >= 1000000 ? 1 : 0;
-        if (is_audio_frame(frame.type)) {
-            write_avi_file(timed(frame, sec + carry, static_cast<uint32_t>(frame_usec - carry * 1000000ULL)), data, length);
-        } else {
-            LogUnexpected(frame, length);
-        }
-        if (i + 1 == count) break;
-        std::memcpy(&frame, data + length, sizeof(frame));
-        data += length + sizeof(frame);
+        log_unexpected_frame(head, data_len);
     }
     return KELM_AVIFILE_OK;
 }

@@ -88,9 +88,6 @@ class CAviWriter {
     void StopParts();
     int32_t StartAssistThrd();
     void StopAssistThrd();
-    int32_t SetAudioFrames(const FrameHead &head, const uint8_t *data, uint32_t data_len, uint32_t sec, uint32_t usec);
-
-    static void LogUnexpected(const FrameHead &head, uint32_t data_len);
 
     int32_t write_avi_file(const FrameHead &head, const void *data, uint32_t data_len) RCVT_EXCLUDES(m_lock);
     bool file_open() const RCVT_REQUIRES(m_lock) { return m_writer && m_writer->is_open(); }

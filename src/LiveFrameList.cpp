@@ -34,6 +34,10 @@ uint32_t audio_frames_in_delivery(uint32_t data_len, uint32_t length) {
     return static_cast<uint32_t>((static_cast<uint64_t>(data_len) + sizeof(FrameHead)) / step);
 }
 
+void log_unexpected_frame(const FrameHead &head, uint32_t data_len) {
+    LOG_WARN("unexpected frame, type = %d, len = %d\n", static_cast<int32_t>(head.type), static_cast<int32_t>(data_len));
+}
+
 CPacketManager::RingMemory CPacketManager::Allocate(int32_t size) {
     // Zeroed memory of this size costs nothing until it is used.
     return RingMemory(static_cast<uint8_t *>(std::calloc(1, static_cast<size_t>(size))));

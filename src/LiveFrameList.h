@@ -20,6 +20,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 
 #include "Mutex.h"
@@ -34,6 +35,26 @@ bool is_video_frame(uint32_t type);
 // The number of audio frames in one delivery: the data of the first, then a FrameHead and the data of each further one, all
 // `length` bytes long. 0 for a delivery that is shorter than one frame, or whose length no delivery can hold.
 uint32_t audio_frames_in_delivery(uint32_t data_len, uint32_t length);
+void log_unexpected_frame(const FrameHead &head, uint32_t data_len);
+
+// Takes such a delivery apart: visit(number from 0, head, data) for each frame. One whose own head says that it is no audio
+// is passed over, and told on the log.
+template <class Visit>
+void for_each_audio_frame(const FrameHead &head, const void *data, uint32_t data_len, Visit visit) {
+    const uint32_t count = audio_frames_in_delivery(data_len, head.length);
+    const auto *bytes = static_cast<const uint8_t *>(data);
+    FrameHead frame = head;
+    for (uint32_t i = 0; i < count; ++i) {
+        if (is_audio_frame(frame.type)) {
+            visit(i, frame, bytes);
+        } else {
+            log_unexpected_frame(frame, head.length);
+        }
+        if (i + 1 == count) break;
+        std::memcpy(&frame, bytes + head.length, sizeof(frame));
+        bytes += head.length + sizeof(frame);
+    }
+}
 
 #pragma pack(push, 1)
 // The head of a frame record in the ring and in the file.
