@@ -9,7 +9,7 @@
 
 #include <array>
 #include <cstdint>
-#include <optional>
+#include <new>
 
 #include "HandleDispather.h"
 #include "Mutex.h"
@@ -17,6 +17,29 @@
 #include "Thread.h"
 
 namespace kelm_recvault {
+
+// The place of a device, which costs no memory until one is built in it. (A std::optional would do, but compilers write
+// zeros over all of its storage at the start, which for 255 devices are 130 MiB.)
+class CDeviceSlot {
+ public:
+    CDeviceSlot() {}  // leaves the storage untouched
+    ~CDeviceSlot() {
+        if (m_device != nullptr) m_device->~CStorageChMngr();
+    }
+    CDeviceSlot(const CDeviceSlot &) = delete;
+    CDeviceSlot &operator=(const CDeviceSlot &) = delete;
+
+    // Builds the device if there is none.
+    CStorageChMngr &Build() {
+        if (m_device == nullptr) m_device = new (m_storage) CStorageChMngr;
+        return *m_device;
+    }
+    CStorageChMngr *Get() const { return m_device; }
+
+ private:
+    alignas(CStorageChMngr) unsigned char m_storage[sizeof(CStorageChMngr)];
+    CStorageChMngr *m_device = nullptr;
+};
 
 class CRecDevMngr {
  public:
@@ -58,7 +81,7 @@ class CRecDevMngr {
     template <class Visit>
     void for_each_device(Visit visit);
 
-    std::array<std::optional<CStorageChMngr>, kSlots> m_devices;  // a slot is built once, before its number is first busy
+    std::array<CDeviceSlot, kSlots> m_devices;  // one is built once, before its number is first busy, and stays
     CIdDispather m_ids;
     CMutex m_create_lock{LockRank::device_table};
     CThread<CRecDevMngr> m_thread;  // the sweep
