@@ -22,7 +22,8 @@ namespace kelm_recvault {
 // zeros over all of its storage at the start, which for 255 devices are 130 MiB.)
 class CDeviceSlot {
  public:
-    CDeviceSlot() {}  // leaves the storage untouched
+    // Not "= default": that could be asked to write zeros.
+    CDeviceSlot() {}  // NOLINT(modernize-use-equals-default)
     ~CDeviceSlot() {
         if (m_device != nullptr) m_device->~CStorageChMngr();
     }
