@@ -6,6 +6,8 @@
 #include "GlobalObj.h"
 #include "Log.h"
 #include "Text.h"
+#include "avi/avi_common.h"
+#include "avi/h264avi.h"
 
 namespace kelm_recvault {
 
@@ -383,6 +385,34 @@ bool CAviWriter::IsWriting(const char *path) {
     if (!IsStarted()) return false;
     const CAutoMutex lock(&m_lock);
     return is_open_file(path);
+}
+
+int32_t CAviWriter::GetRecInfo(const char *path, uint32_t *type, int64_t *begin_sec, int64_t *end_sec) {
+    if (IsStarted()) {
+        const CAutoMutex lock(&m_lock);
+        if (is_open_file(path)) return m_writer->get_recinfo(type, begin_sec, end_sec);
+    }
+    return avi_get_recinfo_by_name(path, type, begin_sec, end_sec);
+}
+
+int32_t CAviWriter::GetRecSegInfo(const char *path, RecSegEntry *entries, int32_t *count) {
+    if (IsStarted()) {
+        const CAutoMutex lock(&m_lock);
+        if (is_open_file(path)) return m_writer->get_recseg_info(entries, count);
+    }
+    return avi_get_recseg_by_name(path, entries, count);
+}
+
+int32_t CAviWriter::GetRecDataSize(const char *path, int64_t begin, int64_t end, uint32_t mask, int32_t *size) {
+    *size = 0;
+    if (IsStarted()) {
+        const CAutoMutex lock(&m_lock);
+        if (is_open_file(path)) {
+            *size = m_writer->get_data_size(begin, end, mask);
+            return KELM_AVIFILE_OK;
+        }
+    }
+    return kelm_avi::avi_get_data_size(path, begin, end, mask, size);
 }
 
 bool CAviWriter::IsRecording() {

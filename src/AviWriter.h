@@ -59,6 +59,11 @@ class CAviWriter {
     // The same if the current file is that file, else FAILED.
     int32_t SwitchRecFileByName(const char *path);
     bool IsWriting(const char *path);
+    // Questions about a file: from the writer's memory if it is the one being written, else from the file itself.
+    int32_t GetRecInfo(const char *path, uint32_t *type, int64_t *begin_sec, int64_t *end_sec);
+    // `count` is the room, and then the number delivered.
+    int32_t GetRecSegInfo(const char *path, RecSegEntry *entries, int32_t *count);
+    int32_t GetRecDataSize(const char *path, int64_t begin, int64_t end, uint32_t mask, int32_t *size);
     bool IsRecording();
     // Has the last frame been written more than half an hour ago?
     bool IsNeedToClose(int64_t now);

@@ -47,6 +47,15 @@ class CStorageChMngr {
     int32_t SwitchRecFileByName(uint32_t channel, const char *path) { return m_channels[channel].SwitchRecFileByName(path); }
     // Of a channel, or, for one out of range, of the channel whose folder stands in the path.
     bool IsWriting(int32_t channel, const char *path);
+    int32_t GetRecInfo(uint32_t channel, const char *path, uint32_t *type, int64_t *begin_sec, int64_t *end_sec) {
+        return m_channels[channel].GetRecInfo(path, type, begin_sec, end_sec);
+    }
+    int32_t GetRecSegInfo(uint32_t channel, const char *path, RecSegEntry *entries, int32_t *count) {
+        return m_channels[channel].GetRecSegInfo(path, entries, count);
+    }
+    int32_t GetRecDataSize(uint32_t channel, const char *path, int64_t begin, int64_t end, uint32_t mask, int32_t *size) {
+        return m_channels[channel].GetRecDataSize(path, begin, end, mask, size);
+    }
     int32_t GetRecChanCnt();
     int64_t GetCurRecFileSize(int32_t disk_idx);
     // Closes the files of channels that have stopped getting frames.

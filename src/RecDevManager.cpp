@@ -134,17 +134,41 @@ void CRecDevMngr::SwitchAllRecFile() {
     for_each_device([](CStorageChMngr &device) { device.SwitchAllRecFile(); });
 }
 
-int32_t CRecDevMngr::SwitchRecFileByName(uint32_t channel, const char *path) {
+int32_t CRecDevMngr::FindByPath(const char *path, uint32_t channel, CStorageChMngr **device) {
     const auto dev_idx = static_cast<uint32_t>(GetDevIdx(path));
-    if (!IsRegistered(dev_idx)) {
-        LOG_TRACE();
-        return KELM_AVIFILE_NOT_RUNNING;
-    }
+    if (!IsRegistered(dev_idx)) return KELM_AVIFILE_NOT_RUNNING;
     if (channel >= CStorageChMngr::kMaxChannels) {
         LOG_TRACE();
         return KELM_AVIFILE_BAD_ARGUMENT;
     }
-    return m_devices[dev_idx].Get()->SwitchRecFileByName(channel, path);
+    *device = m_devices[dev_idx].Get();
+    return KELM_AVIFILE_OK;
+}
+
+int32_t CRecDevMngr::GetRecInfo(uint32_t channel, const char *path, uint32_t *type, int64_t *begin_sec, int64_t *end_sec) {
+    CStorageChMngr *device = nullptr;
+    const int32_t found = FindByPath(path, channel, &device);
+    return found == KELM_AVIFILE_OK ? device->GetRecInfo(channel, path, type, begin_sec, end_sec) : found;
+}
+
+int32_t CRecDevMngr::GetRecSegInfo(uint32_t channel, const char *path, RecSegEntry *entries, int32_t *count) {
+    CStorageChMngr *device = nullptr;
+    const int32_t found = FindByPath(path, channel, &device);
+    return found == KELM_AVIFILE_OK ? device->GetRecSegInfo(channel, path, entries, count) : found;
+}
+
+int32_t CRecDevMngr::GetRecDataSize(uint32_t channel, const char *path, int64_t begin, int64_t end, uint32_t mask,
+                                    int32_t *size) {
+    CStorageChMngr *device = nullptr;
+    const int32_t found = FindByPath(path, channel, &device);
+    return found == KELM_AVIFILE_OK ? device->GetRecDataSize(channel, path, begin, end, mask, size) : found;
+}
+
+int32_t CRecDevMngr::SwitchRecFileByName(uint32_t channel, const char *path) {
+    CStorageChMngr *device = nullptr;
+    const int32_t found = FindByPath(path, channel, &device);
+    if (found == KELM_AVIFILE_NOT_RUNNING) LOG_TRACE();
+    return found == KELM_AVIFILE_OK ? device->SwitchRecFileByName(channel, path) : found;
 }
 
 bool CRecDevMngr::IsWriting(uint32_t dev_idx, int32_t channel, const char *path) {

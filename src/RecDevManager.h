@@ -66,6 +66,9 @@ class CRecDevMngr {
 
     void SwitchAllRecFile();
     // By path: the device is found by its name in it. NOT_RUNNING when there is none, BAD_ARGUMENT for a bad channel.
+    int32_t GetRecInfo(uint32_t channel, const char *path, uint32_t *type, int64_t *begin_sec, int64_t *end_sec);
+    int32_t GetRecSegInfo(uint32_t channel, const char *path, RecSegEntry *entries, int32_t *count);
+    int32_t GetRecDataSize(uint32_t channel, const char *path, int64_t begin, int64_t end, uint32_t mask, int32_t *size);
     int32_t SwitchRecFileByName(uint32_t channel, const char *path);
     bool IsWriting(uint32_t dev_idx, int32_t channel, const char *path);
     bool IsWriting(const char *path) { return IsWriting(static_cast<uint32_t>(GetDevIdx(path)), -1, path); }
@@ -79,6 +82,7 @@ class CRecDevMngr {
     bool IsRegistered(uint32_t dev_idx) const { return m_ids.IsHandleBusy(static_cast<int32_t>(dev_idx)); }
     // The device in `device`, or the code of the check, with its trace line.
     int32_t Find(uint32_t dev_idx, CStorageChMngr **device);
+    int32_t FindByPath(const char *path, uint32_t channel, CStorageChMngr **device);
     template <class Visit>
     void for_each_device(Visit visit);
 

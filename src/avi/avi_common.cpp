@@ -2,8 +2,15 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
+#include <new>
+#include <string>
+#include <vector>
 
+#include "FileManager.h"
 #include "Log.h"
+#include "avi/avi_reader.h"
+#include "platform/clock.h"
 
 namespace kelm_recvault::kelm_avi {
 
@@ -289,6 +296,159 @@ int32_t sum_data_size(const RecSegStrn &table, int64_t begin, int64_t end, uint3
         if (second >= begin && (entry.rec_type & mask) != 0) total += entry.length;
     }
     return static_cast<int32_t>(std::min<int64_t>(total, INT32_MAX));
+}
+
+// ---- Inspection ----
+
+int32_t get_recinfo_by_name(const char *path, RecSegEntry *entries, uint32_t *rec_type, int64_t *begin_sec,
+                            int64_t *end_sec) {
+    int32_t count = kMaxSegments;
+    kelm_avi_reader reader;
+    if (entries == nullptr || reader.open_file(path, nullptr) != KELM_AVIFILE_OK) {
+        LOG_TRACE();
+        return KELM_AVIFILE_FAILED;
+    }
+    reader.get_recseg_info(entries, &count);
+    if (count == 0) {
+        LOG_ERR("file %s, the record segment count is zero !!!\n", path);
+        return KELM_AVIFILE_FAILED;
+    }
+    return get_recinfo_of_entries(entries, count, rec_type, begin_sec, end_sec);
+}
+
+int32_t get_recseg_by_name(const char *path, RecSegEntry *entries, int32_t *count) {
+    kelm_avi_reader reader;
+    if (reader.open_file(path, nullptr) != KELM_AVIFILE_OK) {
+        LOG_TRACE();
+        return KELM_AVIFILE_FAILED;
+    }
+    reader.get_recseg_info(entries, count);
+    return KELM_AVIFILE_OK;
+}
+
+int32_t avi_get_data_size(const char *path, int64_t begin, int64_t end, uint32_t rec_type, int32_t *total) {
+    kelm_avi_reader reader;
+    if (reader.open_file(path, nullptr) != KELM_AVIFILE_OK) {
+        LOG_TRACE();
+        return KELM_AVIFILE_FAILED;
+    }
+    *total = reader.get_data_size(begin, end, rec_type);
+    return KELM_AVIFILE_OK;
+}
+
+// ---- Repair ----
+
+namespace {
+
+constexpr size_t kRepairBuffer = 65536;
+
+void ignore_entry(const Idx1Entry &) {}
+
+// Does another frame record begin in what follows a torn one? Then that one is damaged, not torn.
+bool has_frame_head_behind(platform::File *file, int64_t from, int64_t file_end) {
+    std::vector<uint8_t> rest(static_cast<size_t>(std::min<int64_t>(file_end - from, CPacketManager::kFrameRingSize)));
+    file->Seek(from, platform::SeekFrom::begin);
+    rest.resize(file->Read(rest.data(), rest.size()));
+    FrameRecHead head{};
+    for (size_t at = 1; at + sizeof(head) <= rest.size(); ++at) {
+        if (rest[at] != 'J') continue;
+        std::memcpy(&head, rest.data() + at, sizeof(head));
+        if (is_frame_head(head)) return true;
+    }
+    return false;
+}
+
+// Where the movi list of a cut file ends: behind its last whole frame, when what follows is a torn frame or a begun index;
+// else at the file's end, for what follows may still be read.
+int64_t find_movi_end(platform::File *file, int64_t known_end, int64_t file_end) {
+    const int64_t end = whole_records_end(file, known_end, file_end);
+    FrameRecHead head{};
+    file->Seek(end, platform::SeekFrom::begin);
+    const bool short_rest = file->Read(&head, sizeof(head)) < sizeof(head);
+    const bool torn =
+        short_rest || head.junk_fcc == kFccIdx1 || (is_frame_head(head) && !has_frame_head_behind(file, end, file_end));
+    return torn ? end : file_end - file_end % 2;
+}
+
+bool write_index(platform::File *file, platform::File *side, int64_t movi_end, RecSegStrn *table, FrameCounts *counts) {
+    const RiffChunk chunk{kFccIdx1, 0};
+    if (!file->Truncate(movi_end) || !write_at(file, movi_end, &chunk, sizeof(chunk))) return false;
+    bool written = true;
+    *counts = rebuild_tables(side, movi_end, table, [&written, file](const Idx1Entry &entry) {
+        written = written && file->Write(&entry, sizeof(entry)) == sizeof(entry);
+    });
+    const int32_t entries = counts->video + counts->audio;
+    return write_int(file, movi_end + 4, static_cast<uint32_t>(entries) * sizeof(Idx1Entry)) && written;
+}
+
+bool write_repaired(platform::File *file, platform::File *side, int64_t movi_pos, RecSegStrn *table) {
+    const int64_t file_end = file->Seek(0, platform::SeekFrom::end);
+    FrameCounts counts = rebuild_tables(side, file_end, table, ignore_entry);
+    const int64_t movi_end = find_movi_end(file, counts.end, file_end);
+    if (!write_index(file, side, movi_end, table, &counts)) return false;
+    if (!write_int(file, movi_pos + 4, static_cast<uint32_t>(movi_end - movi_pos - 8))) return false;
+    if (!write_at(file, kStrnPos, table, sizeof(*table))) return false;
+    const RecordedTime time = recorded_time(*table);
+    if (counts.video > 0) write_frame_rate(file, time.seconds, time.microseconds, counts.video);
+    return write_int(file, offsetof(AviHead, main.streams), counts.audio > 0 ? 2 : 1) &&
+           write_sizes(file, counts.video, counts.audio) && file->Flush() && file->Sync();
+}
+
+// The position of the movi list, or -1 where the head has none.
+int64_t find_movi_list(platform::File *file) {
+    RiffChunk hdrl{};
+    RiffList movi{};
+    file->Seek(offsetof(AviHead, hdrl), platform::SeekFrom::begin);
+    file->Read(&hdrl, sizeof(hdrl));
+    const int64_t position = file->Tell() + hdrl.size;
+    file->Seek(position, platform::SeekFrom::begin);
+    file->Read(&movi, sizeof(movi));
+    if (movi.type == kFccMovi) return position;
+    LOG_ERR("fcctype error: %x\n", movi.type);
+    return -1;
+}
+
+}  // namespace
+
+int32_t restore_avi_file(const char *path) {
+    const int64_t begin = platform::monotonic_ms();
+    const std::string side_path = std::string(path) + kSideSuffix;
+    platform::File side;
+    platform::File file;
+    if (!side.Open(side_path.c_str(), platform::OpenMode::read, kRepairBuffer)) {
+        LOG_ERR("open %s failed\n", side_path.c_str());
+        return KELM_AVIFILE_FAILED;
+    }
+    if (!file.Open(path, platform::OpenMode::update, kRepairBuffer)) {
+        LOG_ERR("open %s failed\n", path);
+        return KELM_AVIFILE_NO_FILE;
+    }
+    const int64_t length = file.Seek(0, platform::SeekFrom::end);
+    int64_t movi_pos = -1;
+    if (length < kHeadSize || length > INT32_MAX) {
+        LOG_ERR("file %s is invalid, len = %d\n", path, static_cast<int32_t>(length));
+    } else {
+        movi_pos = find_movi_list(&file);
+    }
+    if (movi_pos < 0) {
+        CFileManager::delete_file(side_path.c_str());
+        return KELM_AVIFILE_NO_FILE;
+    }
+    const auto table = std::unique_ptr<RecSegStrn>(new (std::nothrow) RecSegStrn{});
+    if (!table) {
+        LOG_TRACE();
+        return KELM_AVIFILE_NO_MEMORY;
+    }
+    file.Seek(kStrnPos, platform::SeekFrom::begin);
+    file.Read(table.get(), sizeof(*table));
+    if (!write_repaired(&file, &side, movi_pos, table.get())) {
+        LOG_TRACE();
+        return KELM_AVIFILE_FAILED;
+    }
+    file.Close();
+    CFileManager::delete_file(side_path.c_str());
+    LOG_INFO("repair file ok, name = %s, use time = %d ms\n", path, static_cast<int32_t>(platform::monotonic_ms() - begin));
+    return KELM_AVIFILE_OK;
 }
 
 }  // namespace kelm_recvault::kelm_avi

@@ -61,6 +61,19 @@ struct RecordedTime {
 // Recorded time by the segments: each counts as its whole seconds plus one, each boundary as 40 ms.
 RecordedTime recorded_time(const RecSegStrn &table);
 
+// The three questions about a file, answered from the table in its head: for one that was closed or repaired. `entries` has
+// room for kMaxSegments. FAILED when it cannot be opened or its table is empty.
+int32_t get_recinfo_by_name(const char *path, RecSegEntry *entries, uint32_t *rec_type, int64_t *begin_sec,
+                            int64_t *end_sec);
+// `count` is the room, and then the number delivered, 0 for an empty table.
+int32_t get_recseg_by_name(const char *path, RecSegEntry *entries, int32_t *count);
+int32_t avi_get_data_size(const char *path, int64_t begin, int64_t end, uint32_t rec_type, int32_t *total);
+
+// Makes a complete file of one that was cut, from its side file, and deletes that. A torn frame at the end goes; whole
+// frames that the side file does not know stay. NO_FILE when it is no record file, and then the side file goes too, so that
+// it is not tried again; FAILED without a side file, or when the disk does not take what is written; NO_MEMORY.
+int32_t restore_avi_file(const char *path);
+
 // Bytes of a table's key-frame intervals that begin in a range and share a type with the mask.
 int32_t sum_data_size(const RecSegStrn &table, int64_t begin, int64_t end, uint32_t mask);
 

@@ -348,12 +348,14 @@ int32_t kelm_avi_writer::get_data_size(int64_t begin, int64_t end, uint32_t mask
     return kelm_avi::sum_data_size(m_recseg_strn, begin, end, mask);
 }
 
+int32_t kelm_avi_writer::get_recinfo(uint32_t *rec_type, int64_t *begin_sec, int64_t *end_sec) const {
+    return kelm_avi::get_recinfo_of_entries(m_recseg_strn.segments, m_recseg_strn.rec_seg_cnt, rec_type, begin_sec, end_sec);
+}
+
 int32_t kelm_avi_writer::count_time_range(int64_t *end_sec) const {
-    if (end_sec == nullptr) return KELM_AVIFILE_OK;
     uint32_t rec_type = 0;
     int64_t begin_sec = 0;
-    return kelm_avi::get_recinfo_of_entries(m_recseg_strn.segments, m_recseg_strn.rec_seg_cnt, &rec_type, &begin_sec,
-                                            end_sec);
+    return end_sec == nullptr ? KELM_AVIFILE_OK : get_recinfo(&rec_type, &begin_sec, end_sec);
 }
 
 // ---- The writer thread ----

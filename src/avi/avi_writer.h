@@ -92,6 +92,8 @@ class kelm_avi_writer : public AviFileState {
 
     int32_t get_recseg_info(RecSegEntry *entries, int32_t *count) const;
     int32_t get_data_size(int64_t begin, int64_t end, uint32_t mask) const;
+    // Type mask and time range of the file as far as it has come. FAILED while it has no segment.
+    int32_t get_recinfo(uint32_t *rec_type, int64_t *begin_sec, int64_t *end_sec) const;
 
     // Both stages in a row. The pointers may be null.
     int32_t close(int32_t *file_size, int64_t *end_sec);
