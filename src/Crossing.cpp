@@ -57,6 +57,16 @@ void SwitchAllRecFile() { leave_storage().SwitchAllRecFile(); }
 
 bool IsWriting(const char *path) { return leave_storage().IsWriting(path); }
 
+int32_t GetRecChanCnt() { return leave_storage().GetRecChanCnt(); }
+
+int32_t SwitchRecFileByName(uint32_t channel, const char *path) {
+    return leave_storage().SwitchRecFileByName(channel, path);
+}
+
+int32_t GetRecInfo(uint32_t channel, const char *path, uint32_t *type, int64_t *begin_sec, int64_t *end_sec) {
+    return leave_storage().GetRecInfo(channel, path, type, begin_sec, end_sec);
+}
+
 }  // namespace ask_recording
 
 }  // namespace kelm_recvault

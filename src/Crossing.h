@@ -42,6 +42,12 @@ int64_t GetCurRecFileSize(int32_t disk_idx);
 void SwitchAllRecFile();
 // Is a recorder writing this file?
 bool IsWriting(const char *path);
+// The number of channels that record.
+int32_t GetRecChanCnt();
+// Closes that file if the channel writes it, 0; else not 0.
+int32_t SwitchRecFileByName(uint32_t channel, const char *path);
+// Type mask and time range of a file, from its recorder while it is open. Not 0: no information.
+int32_t GetRecInfo(uint32_t channel, const char *path, uint32_t *type, int64_t *begin_sec, int64_t *end_sec);
 
 }  // namespace ask_recording
 

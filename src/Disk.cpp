@@ -3,10 +3,12 @@
 #include <recvault/recvault.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 
 #include "Crossing.h"
 #include "FileManager.h"
+#include "GlobalObj.h"
 #include "Log.h"
 #include "Text.h"
 
@@ -19,6 +21,17 @@ constexpr size_t kTreeSuffixLength = 7;  // "avi_av/"
 constexpr size_t kMinPathLength = 5;
 constexpr uint32_t kMinFileLimit = 32 * kMiB;
 constexpr uint32_t kMaxFileLimit = kGiB;
+
+constexpr const char *kFirstDay = "19700101";
+constexpr const char *kLastDay = "21000101";
+
+std::string day_name(int64_t second) {
+    DateTimeFields time{};
+    CGlobalObject::gmtime_utc(second - second % kSecondsPerDay, &time);
+    char name[32];
+    std::snprintf(name, sizeof(name), "%04d%02d%02d", time.year, time.month, time.day);
+    return name;
+}
 
 int32_t to_mb(uint64_t bytes) { return static_cast<int32_t>(bytes / kMiB); }
 
@@ -41,10 +54,13 @@ int32_t CDisk::Initialize(int32_t idx, const DiskConfig &config, const char *fol
         Destroy();
         return created;
     }
-    const CAutoMutex lock(&m_mtxSpace);
-    m_space = Space{config, 0, CalcReserveSpace(config.rec_space)};
+    {
+        const CAutoMutex lock(&m_mtxSpace);
+        m_space = Space{config, 0, CalcReserveSpace(config.rec_space)};
+    }
+    ScanRecFolder();
     LOG_INFO("%s: record can use space = %ld MB, record used space = %ld MB\n", m_acRecFolder,
-             static_cast<long>(config.rec_space / kMiB), 0L);
+             static_cast<long>(config.rec_space / kMiB), static_cast<long>(GetSpace().used / kMiB));
     return KELM_AVIFILE_OK;
 }
 
@@ -207,16 +223,29 @@ int32_t CDisk::EnterClosedFile(CRecIndex *index, const RecFileNode &node) {
 int32_t CDisk::DelRecFile(const char *path) {
     std::string day;
     if (GetDayOfPath(path, &day) != KELM_AVIFILE_OK) return KELM_AVIFILE_FAILED;
+    CRecIndex index;
+    const bool known_day = GetRecIdxObj(&index, day, false) == KELM_AVIFILE_OK;
+    if (DelRecFilePair(path, day) != KELM_AVIFILE_OK) return KELM_AVIFILE_FAILED;
+    if (known_day) return KELM_AVIFILE_OK;
+    LOG_TRACE();
+    return KELM_AVIFILE_FAILED;
+}
+
+int32_t CDisk::DelOldestRecFile(const RecFileNode &node) {
+    std::string day;
+    if (GetDayOfPath(node.rec_file_path, &day) != KELM_AVIFILE_OK) return KELM_AVIFILE_FAILED;
+    if (DelRecFilePair(node.rec_file_path, day) != KELM_AVIFILE_OK) return KELM_AVIFILE_FAILED;
+    LOG_INFO("remove the oldest record file: name = %s, size = %d\n", node.rec_file_path, node.file_size);
+    return KELM_AVIFILE_OK;
+}
+
+int32_t CDisk::DelRecFilePair(const char *path, const std::string &day) {
     const int32_t size = CFileManager::get_file_size(path);
     const bool was_there = CFileManager::file_exists(path);
     if (was_there && CFileManager::delete_file(path) != KELM_AVIFILE_OK) return KELM_AVIFILE_FAILED;
     CFileManager::delete_file((std::string(path) + kSideSuffix).c_str());
-    CRecIndex index;
-    const bool known_day = GetRecIdxObj(&index, day, false) == KELM_AVIFILE_OK;
     ForgetFile(path, day, was_there ? size : 0);
-    if (known_day) return KELM_AVIFILE_OK;
-    LOG_TRACE();
-    return KELM_AVIFILE_FAILED;
+    return KELM_AVIFILE_OK;
 }
 
 // Takes a file that is gone out of its index and out of the account, and the folders that hold no other.
@@ -238,6 +267,110 @@ int32_t CDisk::DelEmptyDay(const std::string &day) {
         m_mapRecIdx.erase(day);
     }
     return KELM_AVIFILE_OK;
+}
+
+// ---- Days ----
+
+int32_t CDisk::GetOldestDay(std::string *day) {
+    const CAutoMutex lock(&m_mtxRecIdx);
+    if (m_mapRecIdx.empty()) return KELM_AVIFILE_FAILED;
+    *day = m_mapRecIdx.begin()->first;
+    return KELM_AVIFILE_OK;
+}
+
+int32_t CDisk::GetNewestDay(std::string *day) {
+    const CAutoMutex lock(&m_mtxRecIdx);
+    if (m_mapRecIdx.empty()) return KELM_AVIFILE_FAILED;
+    *day = m_mapRecIdx.rbegin()->first;
+    return KELM_AVIFILE_OK;
+}
+
+bool CDisk::NextDay(std::string *day) {
+    const CAutoMutex lock(&m_mtxRecIdx);
+    const auto next = m_mapRecIdx.upper_bound(*day);
+    if (next == m_mapRecIdx.end()) return false;
+    *day = next->first;
+    return true;
+}
+
+bool CDisk::HasRecData(const std::string &day, uint32_t dev_idx) {
+    CRecIndex index;
+    return GetRecIdxObj(&index, day, false) == KELM_AVIFILE_OK && index.check_rec_dir(dev_idx);
+}
+
+// ---- Queries ----
+
+void CDisk::QueryRecFile(const RecQuery &query, int64_t begin_sec, int64_t end_sec, RecFileSet *files) {
+    if (query.dev_idx <= KELM_AVIFILE_MAX_DEVICES) QueryDayBefore(query, begin_sec, end_sec, files);
+    for (int64_t t = begin_sec; t < end_sec; t = t - t % kSecondsPerDay + kSecondsPerDay) {
+        CRecIndex index;
+        if (GetRecIdxObj(&index, day_name(t), false) != KELM_AVIFILE_OK) continue;
+        index.query_nodes(query, files, nullptr);
+        std::erase_if(*files, [=](const RecFileNode &node) {
+            return (end_sec > 0 && node.begin_sec > end_sec) || node.end_sec < begin_sec;
+        });
+    }
+}
+
+// The last file of the day before may run into the range.
+void CDisk::QueryDayBefore(const RecQuery &query, int64_t begin_sec, int64_t end_sec, RecFileSet *files) {
+    CRecIndex index;
+    if (GetRecIdxObj(&index, day_name(begin_sec - kSecondsPerDay), false) != KELM_AVIFILE_OK) return;
+    const int32_t first = query.channel == kAllChannels ? 0 : query.channel;
+    const int32_t last = query.channel == kAllChannels ? KELM_AVIFILE_MAX_CHANNELS - 1 : query.channel;
+    for (int32_t channel = first; channel <= last; ++channel) {
+        RecFileNode node{};
+        if (index.get_newest_node_info(query.dev_idx, channel, query.include_recording, &node) != KELM_AVIFILE_OK) continue;
+        if (node.begin_sec <= end_sec && node.end_sec >= begin_sec) files->insert(node);
+    }
+}
+
+// ---- Scan, ageing, sweep ----
+
+// Sums up what is kept, once: the counter starts true.
+void CDisk::ScanRecFolder() {
+    uint64_t total = 0;
+    for_each_entry(m_acRecFolder, true, [this, &total](const FileFindEntry &entry) {
+        const std::string day(entry.name);
+        if (day.size() != kDayLength || day < kFirstDay || day > kLastDay) return;
+        CRecIndex index;
+        GetRecIdxObj(&index, day, true);
+        const ScanTotals totals = index.init_day_dir();
+        total += totals.bytes;
+        if (totals.files == 0) DelEmptyDay(day);
+    });
+    const CAutoMutex lock(&m_mtxSpace);
+    m_space.used = total;
+}
+
+void CDisk::DelFileExceedMaxSaveTime() {
+    const uint32_t max_hours = GetSpace().config.max_save_hour;
+    if (max_hours == 0 || max_hours == kNeverRecycle) return;
+    const int64_t now = CGlobalObject::Instance().now_utc();
+    const int64_t limit = static_cast<int64_t>(max_hours) * 3600;
+    for (std::string day; NextDay(&day);) {
+        CRecIndex index;
+        if (GetRecIdxObj(&index, day, false) != KELM_AVIFILE_OK) continue;
+        RecFileSet files;
+        index.query_nodes({kAllDevices, kAllChannels, kAllRecTypes, false}, &files, nullptr);
+        for (const RecFileNode &node : files) {
+            if (now - node.begin_sec <= limit) return;
+            LOG_INFO("file %s exceed %d s, remove it \n", node.rec_file_path, static_cast<int32_t>(limit));
+            DelRecFile(node.rec_file_path);
+        }
+    }
+}
+
+void CDisk::CheckRecFileExist() {
+    // Of a volume that was pulled, every file would seem to be gone.
+    for (std::string day; IsDiskExist() && NextDay(&day);) {
+        CRecIndex index;
+        if (GetRecIdxObj(&index, day, false) != KELM_AVIFILE_OK) continue;
+        RecFileSet files;
+        RecFileSet gone;
+        index.query_nodes({kAllDevices, kAllChannels, kAllRecTypes, false}, &files, &gone);
+        for (const RecFileNode &node : gone) ForgetFile(node.rec_file_path, day, 0);
+    }
 }
 
 }  // namespace kelm_recvault

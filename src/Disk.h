@@ -67,8 +67,23 @@ class CDisk {
     // recording goes on, and the next scan finds the file.
     int32_t AddRecNodeInfo(const RecFileNode &node, bool is_new);
 
+    // The first and the last day that has recordings. FAILED when there is none.
+    int32_t GetOldestDay(std::string *day);
+    int32_t GetNewestDay(std::string *day);
+
+    // Inserts into `files` what overlaps a range of seconds.
+    void QueryRecFile(const RecQuery &query, int64_t begin_sec, int64_t end_sec, RecFileSet *files);
+    // Does a day hold record files of a device? A folder that holds none is removed.
+    bool HasRecData(const std::string &day, uint32_t dev_idx);
+
     // Deletes a file by path: the file, its side file, its record and its share in the account.
     int32_t DelRecFile(const char *path);
+    // The same for one that recycling chose.
+    int32_t DelOldestRecFile(const RecFileNode &node);
+    // Deletes what began longer ago than the maximum age.
+    void DelFileExceedMaxSaveTime();
+    // Takes out of the index and out of the account what was removed behind the system's back.
+    void CheckRecFileExist();
 
     // Bytes that must stay free of a budget.
     static uint64_t CalcReserveSpace(uint64_t rec_space);
@@ -81,12 +96,17 @@ class CDisk {
     };
 
     Space GetSpace();
+    void ScanRecFolder();
+    void QueryDayBefore(const RecQuery &query, int64_t begin_sec, int64_t end_sec, RecFileSet *files);
+    // The first day of the map behind one; false at the end.
+    bool NextDay(std::string *day);
     int32_t LockRoot();
     std::string RootPath() const;
     int32_t GetDayOfPath(const std::string &path, std::string *day) const;
     void AddRecUsedSpace(uint64_t bytes);
     // Leaves the counter alone when it holds less.
     void DecRecUsedSpace(uint64_t bytes);
+    int32_t DelRecFilePair(const char *path, const std::string &day);
     void ForgetFile(const char *path, const std::string &day, int32_t size_without_record);
     int32_t EnterClosedFile(CRecIndex *index, const RecFileNode &node);
     int32_t DelEmptyDay(const std::string &day);

@@ -3,13 +3,18 @@
 #include <recvault/recvault.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <map>
+#include <set>
 #include <string>
+#include <string_view>
 
 #include "Crossing.h"
 #include "FileManager.h"
 #include "Log.h"
 #include "Text.h"
+#include "avi/h264avi.h"
 
 namespace kelm_recvault {
 
@@ -221,10 +226,303 @@ int32_t CRecIndex::decrease_rec_cnt(const char *index_path) {
 bool CRecIndex::check_rec_dir(uint32_t dev_idx) {
     char name[kMaxDeviceName + 1] = {};
     if (dev_idx <= KELM_AVIFILE_MAX_DEVICES) ask_recording::GetDevName(dev_idx, name, sizeof(name));
-    const std::string folder = name[0] == '\0' ? std::string(m_vlist_fname) : std::string(m_vlist_fname) + "/" + name;
+    const std::string folder = device_folder(name);
     if (CFileManager::dir_has_avi_file(folder.c_str())) return true;
     CFileManager::prune_dir(folder.c_str());
     return false;
+}
+
+std::string CRecIndex::device_folder(const char *dev_name) const {
+    return dev_name[0] == '\0' ? std::string(m_vlist_fname) : std::string(m_vlist_fname) + "/" + dev_name;
+}
+
+// ---- Queries ----
+
+namespace {
+
+constexpr size_t kMaxChannelName = sizeof("channel1024") - 1;
+constexpr size_t kMinChannelName = sizeof("channel01") - 1;
+
+// The channel of a channel folder's name, -1 for any other name: "channel01" to "channel99", "channel100" to "channel1024".
+int32_t channel_of_folder(const char *name) {
+    constexpr std::string_view kPrefix = "channel";
+    const std::string_view text(name);
+    if (text.size() < kMinChannelName || text.size() > kMaxChannelName || !text.starts_with(kPrefix)) return -1;
+    const std::string_view digits = text.substr(kPrefix.size());
+    if (digits.find_first_not_of("0123456789") != std::string_view::npos) return -1;
+    if (digits.size() > 2 && digits[0] == '0') return -1;
+    const int32_t channel = static_cast<int32_t>(std::strtol(digits.data(), nullptr, 10)) - 1;
+    return channel < KELM_AVIFILE_MAX_CHANNELS ? channel : -1;
+}
+
+bool is_plausible(const RecFileNode &node) {
+    return node.begin_sec <= node.end_sec && node.end_sec - kSecondsPerDay <= node.begin_sec;
+}
+
+// Of an index record, whatever bytes it holds.
+RecFileNode node_of(const RecIndexRecord &record) {
+    RecFileNode node{};
+    node.file_size = record.file_size;
+    node.type = record.type;
+    node.begin_sec = record.begin_sec;
+    node.end_sec = record.end_sec;
+    node.channel = record.channel;
+    return node;
+}
+
+// The name in a record: terminated, and a name in its own folder.
+bool safe_name(const RecIndexRecord &record, std::string *name) {
+    const size_t length = strnlen(record.file_name, sizeof(record.file_name));
+    name->assign(record.file_name, length);
+    return length > 0 && length < sizeof(record.file_name) && name->find('/') == std::string::npos && *name != "." &&
+           *name != "..";
+}
+
+// Brings a record up to date with its file: an open one, or one whose close was not entered. False when the file cannot
+// tell.
+bool refresh_record(const char *path, RecIndexRecord *record) {
+    const bool closed = record->is_recording == 0;
+    if (closed) {
+        LOG_WARN("file %s is not recording, but need to update, end_time = %ld, file_size = %ld\n", path,
+                 static_cast<long>(record->end_sec), static_cast<long>(record->file_size));
+        if (CFileManager::file_exists((std::string(path) + kSideSuffix).c_str())) avi_restore_file(path);
+    }
+    uint32_t type = 0;
+    int64_t begin_sec = 0;
+    int64_t end_sec = 0;
+    record->file_size = CFileManager::get_file_size(path);
+    if (ask_recording::GetRecInfo(record->channel, path, &type, &begin_sec, &end_sec) != KELM_AVIFILE_OK) return false;
+    record->type = type;
+    record->begin_sec = begin_sec;
+    record->end_sec = end_sec;
+    return true;
+}
+
+}  // namespace
+
+int32_t CRecIndex::get_newest_node_info(uint32_t dev_idx, int32_t channel, bool include_recording, RecFileNode *node) const {
+    if (channel < 0 || channel >= KELM_AVIFILE_MAX_CHANNELS || node == nullptr) {
+        LOG_TRACE();
+        return KELM_AVIFILE_BAD_ARGUMENT;
+    }
+    char index_path[256];
+    if (dev_idx == kAllDevices || get_nodeidx_fname(dev_idx, channel, index_path, sizeof(index_path)) != KELM_AVIFILE_OK ||
+        !CFileManager::file_exists(index_path)) {
+        return KELM_AVIFILE_FAILED;
+    }
+    platform::File file;
+    if (!file.Open(index_path, platform::OpenMode::read)) {
+        LOG_ERR("open file failed, name = %s \n", index_path);
+        return KELM_AVIFILE_FAILED;
+    }
+    RecIndexRecord record{};
+    std::string name;
+    file.Seek(-kRecordSize, platform::SeekFrom::end);
+    if (!read_record(&file, &record) || !safe_name(record, &name)) return KELM_AVIFILE_FAILED;
+    if (record.is_recording != 0 && !include_recording) {
+        LOG_INFO("file %s is recording\n", name.c_str());
+        return KELM_AVIFILE_FAILED;
+    }
+    *node = node_of(record);
+    return get_recfile_full_path(index_path, name.c_str(), node->rec_file_path, sizeof(node->rec_file_path));
+}
+
+int32_t CRecIndex::query_node(const char *index_path, int32_t channel, const RecQuery &query, RecFileSet *files,
+                              RecFileSet *gone) {
+    platform::File file;
+    if (!file.Open(index_path, platform::OpenMode::update, kIndexBuffer) &&
+        !file.Open(index_path, platform::OpenMode::read, kIndexBuffer)) {
+        LOG_TRACE();
+        return KELM_AVIFILE_FAILED;
+    }
+    RecIndexRecord record{};
+    std::string name;
+    char path[256];
+    while (read_record(&file, &record)) {
+        const bool recording = record.is_recording != 0;
+        if (record.type == 0 || (recording && !query.include_recording)) continue;
+        if (record.channel != static_cast<uint32_t>(channel) || !safe_name(record, &name)) continue;
+        if (get_recfile_full_path(index_path, name.c_str(), path, sizeof(path)) != KELM_AVIFILE_OK) continue;
+        if (!CFileManager::file_exists(path)) {
+            RecFileNode node = node_of(record);
+            copy_text(node.rec_file_path, path);
+            if (gone != nullptr && !recording) gone->insert(node);
+            continue;
+        }
+        if (recording || record.end_sec == 0 || record.file_size == 0) {
+            if (!refresh_record(path, &record)) continue;
+            if (!recording) rewrite_record(&file, record);
+        }
+        if ((record.type & query.type_mask) == 0) continue;
+        RecFileNode node = node_of(record);
+        copy_text(node.rec_file_path, path);
+        if (!is_plausible(node) || node.file_size == 0) {
+            LOG_WARN("file error, name = %s, start_time = %d, end_time = %d, type = %d, size = %d \n", path,
+                     static_cast<int32_t>(node.begin_sec), static_cast<int32_t>(node.end_sec),
+                     static_cast<int32_t>(node.type), node.file_size);
+            continue;
+        }
+        files->insert(node);
+    }
+    return KELM_AVIFILE_OK;
+}
+
+// One channel is looked for by name; for all of them the folder is listed once.
+void CRecIndex::query_device(const char *dev_name, const RecQuery &query, RecFileSet *files, RecFileSet *gone) const {
+    std::set<int32_t> channels;
+    if (query.channel != kAllChannels) {
+        channels.insert(query.channel);
+    } else {
+        for_each_entry(device_folder(dev_name).c_str(), true, [&channels](const FileFindEntry &entry) {
+            const int32_t channel = channel_of_folder(entry.name);
+            if (channel >= 0) channels.insert(channel);
+        });
+    }
+    char index_path[256];
+    for (const int32_t channel : channels) {
+        if (get_nodeidx_fname(dev_name, channel, index_path, sizeof(index_path)) != KELM_AVIFILE_OK) continue;
+        if (CFileManager::file_exists(index_path)) query_node(index_path, channel, query, files, gone);
+    }
+}
+
+void CRecIndex::query_nodes(const RecQuery &query, RecFileSet *files, RecFileSet *gone) const {
+    if (query.dev_idx <= KELM_AVIFILE_MAX_DEVICES) {
+        char name[kMaxDeviceName + 1] = {};
+        ask_recording::GetDevName(query.dev_idx, name, sizeof(name));
+        query_device(name, query, files, gone);
+        return;
+    }
+    for_each_entry(m_vlist_fname, true, [&](const FileFindEntry &entry) {
+        if (std::strlen(entry.name) <= kMaxDeviceName) query_device(entry.name, query, files, gone);
+    });
+}
+
+// ---- The scan ----
+//
+// The folders are the truth: each index file is written anew from the record files beside it. A file with a side file was
+// cut and is repaired first; one that a record knows and that was not repaired is believed unread; one that no record knows
+// is asked itself; one that makes no sense is deleted; a record without a file goes.
+
+ScanTotals CRecIndex::init_day_dir() const {
+    ScanTotals totals;
+    for_each_entry(m_vlist_fname, true, [this, &totals](const FileFindEntry &entry) {
+        if (std::strlen(entry.name) <= kMaxDeviceName) totals.Add(init_devch_dir(entry.name));
+    });
+    return totals;
+}
+
+ScanTotals CRecIndex::init_devch_dir(const char *dev_name) const {
+    ScanTotals totals;
+    const std::string folder = device_folder(dev_name);
+    for_each_entry(folder.c_str(), true, [&](const FileFindEntry &entry) {
+        const int32_t channel = channel_of_folder(entry.name);
+        if (channel < 0) {
+            if (std::strlen(entry.name) != kMinChannelName) return;
+            const std::string stray = folder + "/" + entry.name;
+            LOG_WARN("remove invalid folder: %s \n", stray.c_str());
+            CFileManager::delete_dir_tree(stray.c_str());
+            return;
+        }
+        char index_path[256];
+        ScanTotals folder_totals;
+        if (get_nodeidx_fname(dev_name, channel, index_path, sizeof(index_path)) == KELM_AVIFILE_OK &&
+            rebuild_file(index_path, channel, &folder_totals) == KELM_AVIFILE_OK) {
+            totals.Add(folder_totals);
+        }
+    });
+    return totals;
+}
+
+namespace {
+
+constexpr size_t kMinRecordName = sizeof("100000.avi") - 1;
+
+// The records of an index file that are not deleted, by name; the first of a name by begin_sec stands.
+std::map<std::string, RecFileNode> read_old_nodes(const char *index_path) {
+    RecFileSet ordered;
+    platform::File file;
+    RecIndexRecord record{};
+    std::string name;
+    if (file.Open(index_path, platform::OpenMode::read, kIndexBuffer)) {
+        while (read_record(&file, &record)) {
+            if (record.type == 0 || !safe_name(record, &name)) continue;
+            RecFileNode node = node_of(record);
+            copy_text(node.rec_file_path, name.c_str());
+            ordered.insert(node);
+        }
+    }
+    std::map<std::string, RecFileNode> nodes;
+    for (const RecFileNode &node : ordered) nodes.emplace(node.rec_file_path, node);
+    return nodes;
+}
+
+// What the new index says of a file. Its type stays 0 when neither a record nor the file itself can tell.
+RecFileNode scan_file(const std::string &folder, const FileFindEntry &entry, int32_t channel,
+                      const std::map<std::string, RecFileNode> &old_nodes) {
+    const std::string path = folder + entry.name;
+    const bool cut = CFileManager::file_exists((path + kSideSuffix).c_str());
+    if (cut) avi_restore_file(path.c_str());
+    const auto known = old_nodes.find(entry.name);
+    RecFileNode node{};
+    if (known != old_nodes.end()) node = known->second;
+    copy_text(node.rec_file_path, entry.name);
+    node.channel = static_cast<uint32_t>(channel);
+    node.file_size = cut ? CFileManager::get_file_size(path.c_str()) : static_cast<int32_t>(entry.size);
+    if (cut || known == old_nodes.end()) avi_get_recinfo_by_name(path.c_str(), &node.type, &node.begin_sec, &node.end_sec);
+    return node;
+}
+
+bool append_record(platform::File *file, const RecFileNode &node) {
+    RecIndexRecord record{};
+    copy_text(record.file_name, node.rec_file_path);
+    record.begin_sec = node.begin_sec;
+    record.end_sec = node.end_sec;
+    record.type = node.type;
+    record.file_size = node.file_size;
+    record.channel = node.channel;
+    return file->Write(&record, sizeof(record)) == sizeof(record);
+}
+
+void delete_senseless(const std::string &folder, const RecFileNode &node) {
+    const std::string path = folder + node.rec_file_path;
+    LOG_WARN("file error, delete it, file_name = %s, type = %d, begin_sec = %d, end_sec = %d, file_size = %d \n",
+             path.c_str(), static_cast<int32_t>(node.type), static_cast<int32_t>(node.begin_sec),
+             static_cast<int32_t>(node.end_sec), node.file_size);
+    CFileManager::delete_avi_file(path.c_str());
+    CFileManager::delete_file((path + kSideSuffix).c_str());
+}
+
+}  // namespace
+
+int32_t CRecIndex::rebuild_file(const char *index_path, int32_t channel, ScanTotals *totals) {
+    *totals = ScanTotals{};
+    const char *slash = std::strrchr(index_path, '/');
+    if (slash == nullptr) {
+        LOG_TRACE();
+        return KELM_AVIFILE_FAILED;
+    }
+    const std::string folder(index_path, slash + 1);
+    const std::map<std::string, RecFileNode> old_nodes = read_old_nodes(index_path);
+    RecFileSet new_nodes;
+    for_each_entry((folder + "*.avi").c_str(), false, [&](const FileFindEntry &entry) {
+        if (std::strlen(entry.name) >= kMinRecordName) new_nodes.insert(scan_file(folder, entry, channel, old_nodes));
+    });
+    platform::File file;
+    if (!file.Open(index_path, platform::OpenMode::create_update, kIndexBuffer)) {
+        LOG_TRACE();
+        return KELM_AVIFILE_FAILED;
+    }
+    for (const RecFileNode &node : new_nodes) {
+        if (node.type == 0 || !is_plausible(node) || node.file_size <= 0) {
+            delete_senseless(folder, node);
+        } else if (append_record(&file, node)) {
+            totals->bytes += static_cast<uint64_t>(node.file_size);
+            ++totals->files;
+        }
+    }
+    file.Close();
+    if (totals->files == 0) CFileManager::delete_avi_file(index_path);
+    return KELM_AVIFILE_OK;
 }
 
 }  // namespace kelm_recvault

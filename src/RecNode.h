@@ -14,6 +14,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "RecFileNode.h"
 #include "platform/file.h"
@@ -49,6 +50,25 @@ struct RecordedSize {
     int32_t bytes = 0;   // of a closed file; neither an open one nor one that was deleted before is in the account
 };
 
+// What a query asks for.
+struct RecQuery {
+    uint32_t dev_idx;  // kAllDevices for all device folders
+    int32_t channel;   // kAllChannels for all
+    uint32_t type_mask;
+    bool include_recording;  // open files too
+};
+constexpr int32_t kAllChannels = -1;
+
+// What a scan kept.
+struct ScanTotals {
+    uint64_t bytes = 0;
+    uint32_t files = 0;
+    void Add(const ScanTotals &other) {
+        bytes += other.bytes;
+        files += other.files;
+    }
+};
+
 class CRecIndex {
  public:
     CRecIndex() = default;
@@ -70,10 +90,26 @@ class CRecIndex {
     // record files.
     int32_t delete_file_node(const char *file_path, RecordedSize *recorded);
     static int32_t decrease_rec_cnt(const char *index_path);
+
+    // Queries. What is found is inserted into `files`. Records that were left incomplete are mended on the way. Where `gone`
+    // is given, the closed records whose files are not there are collected in it. The last record of a channel, also a
+    // deleted one, with its type 0.
+    int32_t get_newest_node_info(uint32_t dev_idx, int32_t channel, bool include_recording, RecFileNode *node) const;
+    static int32_t query_node(const char *index_path, int32_t channel, const RecQuery &query, RecFileSet *files,
+                              RecFileSet *gone);
+    void query_nodes(const RecQuery &query, RecFileSet *files, RecFileSet *gone) const;
+
+    // The scan. Rewrites the index files of the day, of a device folder, of a channel folder from what lies in the folders.
+    ScanTotals init_day_dir() const;
+    ScanTotals init_devch_dir(const char *dev_name) const;
+    static int32_t rebuild_file(const char *index_path, int32_t channel, ScanTotals *totals);
     // Does the folder of the day, or of one device in it, hold record files? One that does not is removed.
     bool check_rec_dir(uint32_t dev_idx);
 
  private:
+    void query_device(const char *dev_name, const RecQuery &query, RecFileSet *files, RecFileSet *gone) const;
+    std::string device_folder(const char *dev_name) const;
+
     char m_vlist_fname[256] = {};  // the day folder, without a slash at its end
 };
 

@@ -15,6 +15,21 @@ namespace {
 
 long to_mb(uint64_t bytes) { return static_cast<long>(bytes / kMiB); }
 
+constexpr int32_t kMonitorPeriod = 1000;  // milliseconds
+constexpr int32_t kTicksPerMinute = 60;
+constexpr int32_t kTicksPerFreeSpaceCheck = 10;
+
+// The first second of a day folder's day; false for a name that is no day.
+bool second_of_day(const std::string &day, int64_t *second) {
+    int32_t year = 0;
+    int32_t month = 0;
+    int32_t number = 0;
+    if (std::sscanf(day.c_str(), "%4d%2d%2d", &year, &month, &number) != 3) return false;
+    const DateTimeFields midnight{
+        static_cast<uint16_t>(year), static_cast<uint16_t>(month), static_cast<uint16_t>(number), 0, 0, 0};
+    return CGlobalObject::Instance().mktime_utc(&midnight, second) == KELM_AVIFILE_OK;
+}
+
 std::string record_root(const char *path) { return std::string(path) + "/" + kRecordFolder + "/"; }
 
 // "<root><yyyymmdd>/<device>/channel<nn>/"; a device that is not registered leaves its folder out.
@@ -99,7 +114,12 @@ int32_t CStorageMngr::Initialize() {
         return result;
     }
     SetCurDisk(kNoDisk);
-    return KELM_AVIFILE_OK;
+    result = m_MonitorThrd.Start(this, 0, kMonitorPeriod, "rcvt-monitor");
+    if (result != KELM_AVIFILE_OK) {
+        LOG_TRACE();
+        Destroy();
+    }
+    return result;
 }
 
 int32_t CStorageMngr::Destroy() {
@@ -107,6 +127,7 @@ int32_t CStorageMngr::Destroy() {
         LOG_TRACE();
         return KELM_AVIFILE_FAILED;
     }
+    if (m_MonitorThrd.Stop() != KELM_AVIFILE_OK) LOG_TRACE();
     for (int32_t slot = 0; slot < kMaxPartitions; ++slot) {
         if (m_DiskIds.IsHandleBusy(slot)) m_aDisk[static_cast<size_t>(slot)].Destroy();
     }
@@ -137,12 +158,15 @@ int32_t CStorageMngr::AddRecPartition(RecPartitionInfo *info) {
         LOG_WARN("force %ld MB record space to %ld MB\n", to_mb(info->rec_space), to_mb(info->disk_space));
         info->rec_space = info->disk_space;
     }
-    const int32_t result = AddOrChange(*info);
+    int32_t added = kNoDisk;
+    const int32_t result = AddOrChange(*info, &added);
+    const CDiskPin disk(this, added);
+    if (disk) disk->DelFileExceedMaxSaveTime();
     if (result == KELM_AVIFILE_OK) SelectCurDisk(true);
     return result;
 }
 
-int32_t CStorageMngr::AddOrChange(const RecPartitionInfo &info) {
+int32_t CStorageMngr::AddOrChange(const RecPartitionInfo &info, int32_t *added) {
     const DiskConfig config{info.rec_space, info.disk_space, info.max_save_hour, info.priority};
     const CAutoMutex lock(&m_mtxAdd);
     const CDiskPin known(this, GetDiskIdxByPath(info.path));
@@ -150,10 +174,10 @@ int32_t CStorageMngr::AddOrChange(const RecPartitionInfo &info) {
         known->SetConfig(config);
         return KELM_AVIFILE_OK;
     }
-    return AddNewPartition(info, config);
+    return AddNewPartition(info, config, added);
 }
 
-int32_t CStorageMngr::AddNewPartition(const RecPartitionInfo &info, const DiskConfig &config) {
+int32_t CStorageMngr::AddNewPartition(const RecPartitionInfo &info, const DiskConfig &config, int32_t *added) {
     int32_t slot = kNoDisk;
     const int32_t reserved = m_DiskIds.CreateHandle(&slot, true);
     if (reserved != KELM_AVIFILE_OK) {
@@ -169,6 +193,7 @@ int32_t CStorageMngr::AddNewPartition(const RecPartitionInfo &info, const DiskCo
         return result;
     }
     m_DiskIds.SetHandleBusy(slot);
+    *added = slot;
     return KELM_AVIFILE_OK;
 }
 
@@ -337,6 +362,130 @@ int32_t CStorageMngr::DelRecFileByName(const char *path) {
     const int32_t result = DelRecFile(slot, path);
     if (result != KELM_AVIFILE_OK) LOG_TRACE();
     return result;
+}
+
+// ---- Queries ----
+
+template <class Visit>
+void CStorageMngr::for_each_disk(Visit visit) {
+    for (int32_t slot = 0; slot < kMaxPartitions; ++slot) {
+        const CDiskPin disk(this, slot);
+        if (disk) visit(*disk.operator->());
+    }
+}
+
+int32_t CStorageMngr::QueryRecFile(const RecQuery &query, int64_t begin_sec, int64_t end_sec, bool all_disks,
+                                   RecFileSet *files) {
+    if (end_sec == 0) end_sec = begin_sec - begin_sec % kSecondsPerDay + kSecondsPerDay - 1;
+    for_each_disk([&](CDisk &disk) {
+        if (all_disks || disk.CanRecycle()) disk.QueryRecFile(query, begin_sec, end_sec, files);
+    });
+    return files->empty() ? KELM_AVIFILE_NOT_FOUND : KELM_AVIFILE_OK;
+}
+
+int32_t CStorageMngr::GetRecDateLimit(int64_t *first_sec, int64_t *last_sec) {
+    std::string oldest;
+    std::string newest;
+    for_each_disk([&](CDisk &disk) {
+        std::string day;
+        if (disk.GetOldestDay(&day) == KELM_AVIFILE_OK && (oldest.empty() || day < oldest)) oldest = day;
+        if (disk.GetNewestDay(&day) == KELM_AVIFILE_OK && day > newest) newest = day;
+    });
+    if (oldest.empty() || !second_of_day(oldest, first_sec) || !second_of_day(newest, last_sec)) {
+        LOG_TRACE();
+        return KELM_AVIFILE_FAILED;
+    }
+    return KELM_AVIFILE_OK;
+}
+
+int32_t CStorageMngr::JudgeHaveDataByDays(uint32_t dev_idx, int64_t begin_sec, uint32_t day_cnt, uint32_t *mask) {
+    *mask = 0;
+    for (uint32_t i = 0; i < day_cnt; ++i) {
+        DateTimeFields time{};
+        CGlobalObject::gmtime_utc(begin_sec + static_cast<int64_t>(i) * kSecondsPerDay, &time);
+        char day[32];
+        std::snprintf(day, sizeof(day), "%04d%02d%02d", time.year, time.month, time.day);
+        for_each_disk([&](CDisk &disk) {
+            if (disk.HasRecData(day, dev_idx)) *mask |= 1U << i;
+        });
+    }
+    return KELM_AVIFILE_OK;
+}
+
+// ---- The monitor ----
+
+int32_t CStorageMngr::ThreadFunc(uint32_t) {
+    if (++m_sweep_ticks >= kTicksPerMinute) {
+        m_sweep_ticks = 0;
+        for_each_disk([](CDisk &disk) { disk.CheckRecFileExist(); });
+    }
+    if (++m_ageing_ticks >= kTicksPerMinute) {
+        m_ageing_ticks = 0;
+        for_each_disk([](CDisk &disk) { disk.DelFileExceedMaxSaveTime(); });
+    }
+    RecycleRecFile();
+    TellDiskGroupFull();
+    return KELM_AVIFILE_OK;
+}
+
+void CStorageMngr::TellDiskGroupFull() {
+    int32_t partitions = 0;
+    for_each_disk([&partitions](CDisk &) { ++partitions; });
+    if (partitions < 1 || IsCurDiskExist() || !IsDiskGroupFull()) return;
+    const CAutoMutex lock(&m_mtxCallback);
+    if (m_callback != nullptr) m_callback(m_callback_user);
+}
+
+// Nothing has room, and nothing may be recycled.
+bool CStorageMngr::IsDiskGroupFull() {
+    bool full = true;
+    for_each_disk([&full](CDisk &disk) { full = full && disk.IsDiskFull(true) && !disk.CanRecycle(); });
+    return full;
+}
+
+void CStorageMngr::RecycleRecFile() {
+    const bool check_real_free = ++m_real_free_ticks >= kTicksPerFreeSpaceCheck;
+    if (check_real_free) m_real_free_ticks = 0;
+    const int32_t old_disk = GetCurDisk();
+    {
+        const CDiskPin disk(this, old_disk);
+        if (disk && !disk->IsDiskFull(check_real_free)) return;
+    }
+    const bool old_exists = IsCurDiskExist();
+    bool now_exists = false;
+    for (;;) {
+        SelectCurDisk(false);
+        now_exists = IsCurDiskExist();
+        if (now_exists || IsDiskGroupFull()) break;
+        if (m_MonitorThrd.IsStopping() || FreeOldestFiles() == 0) return;
+    }
+    // The files that are being written lie on the partition that was left, or there is none any more.
+    if (old_exists && !(now_exists && GetCurDisk() == old_disk)) ask_recording::SwitchAllRecFile();
+}
+
+// Gives the number of files that went: one for each recording channel, if there are so many.
+int32_t CStorageMngr::FreeOldestFiles() {
+    int64_t first = 0;
+    int64_t last = 0;
+    const int32_t quota = ask_recording::GetRecChanCnt();
+    if (quota == 0 || GetRecDateLimit(&first, &last) != KELM_AVIFILE_OK) return 0;
+    int32_t left = quota;
+    for (int64_t day = first; day <= last && left > 0; day += kSecondsPerDay) RecycleDay(day, &left);
+    return quota - left;
+}
+
+void CStorageMngr::RecycleDay(int64_t day, int32_t *left) {
+    RecFileSet files;
+    const RecQuery everything{kAllDevices, kAllChannels, kAllRecTypes, true};
+    if (QueryRecFile(everything, day, day + kSecondsPerDay - 1, false, &files) != KELM_AVIFILE_OK) return;
+    for (RecFileNode node : files) {
+        if (*left <= 0) return;
+        if (ask_recording::SwitchRecFileByName(node.channel, node.rec_file_path) == KELM_AVIFILE_OK) {
+            node.file_size = CFileManager::get_file_size(node.rec_file_path);
+        }
+        const CDiskPin disk(this, GetDiskIdxByFile(node.rec_file_path));
+        if (disk && disk->DelOldestRecFile(node) == KELM_AVIFILE_OK) --*left;
+    }
 }
 
 }  // namespace kelm_recvault

@@ -1,8 +1,14 @@
 // The set of record partitions as one store: says where the next record file goes, adds and removes partitions, and hands
 // everything else to the partition that a file lies on.
 //
-// One instance, owned by CGlobalObject; entered by the recorders and by any application thread. No lock of it is held across
-// a call into recording.
+// One instance, owned by CGlobalObject; entered by the recorders, by any application thread, and by its own monitor thread.
+// No lock of it is held across a call into recording.
+//
+// The monitor keeps a store of finite size recording for ever. Once a second it looks at the current partition; when that is
+// full or gone, it moves on to another one that has room, or frees space: the oldest day first, over all partitions that may
+// be recycled, and within a day the file that began first; an open one is closed before it goes. One file for each recording
+// channel is freed at a time, until a partition has room or nothing can go. Once a minute it ages files and sweeps the index
+// for files that vanished. When nothing more can be recorded it tells the application. Nothing ends it but Destroy.
 //
 // A partition is used through holds, which keep it from being destroyed: a CDiskPin for one operation, and those of a
 // recorder from the name of a file to its finish. DelRecPartition first makes the slot invisible, so that nobody comes in
@@ -19,6 +25,7 @@
 #include "Disk.h"
 #include "HandleDispather.h"
 #include "Mutex.h"
+#include "Thread.h"
 #include "platform/sync.h"
 
 namespace kelm_recvault {
@@ -43,6 +50,17 @@ class CStorageMngr {
     void ReleasePartition(int32_t disk_idx, int32_t holds);
     // FAILED for a file that lies on no partition, or that is being recorded.
     int32_t DelRecFileByName(const char *path);
+
+    // The files that overlap a range, over all partitions, or with `all_disks` false over those that may be recycled. An
+    // end_sec of 0 is the end of the day of begin_sec. NOT_FOUND when there is none.
+    int32_t QueryRecFile(const RecQuery &query, int64_t begin_sec, int64_t end_sec, bool all_disks, RecFileSet *files);
+    // The first second of the oldest and of the newest day in the store. FAILED when there is no day.
+    int32_t GetRecDateLimit(int64_t *first_sec, int64_t *last_sec);
+    // Bit n of the mask: day n from the one of begin_sec has recordings of the device.
+    int32_t JudgeHaveDataByDays(uint32_t dev_idx, int64_t begin_sec, uint32_t day_cnt, uint32_t *mask);
+
+    // The body of the monitor thread.
+    int32_t ThreadFunc(uint32_t user_value);
 
  private:
     // A use of the partition in a slot, for the length of one operation. Empty when the slot is not in use; for a holder,
@@ -77,8 +95,16 @@ class CStorageMngr {
     // Chooses the partition for new files: the highest priority above 0 that is not full, the lowest slot among equals.
     void SelectCurDisk(bool switch_files);
     int32_t FindBestDisk();
-    int32_t AddOrChange(const RecPartitionInfo &info);
-    int32_t AddNewPartition(const RecPartitionInfo &info, const DiskConfig &config);
+    template <class Visit>
+    void for_each_disk(Visit visit);
+    bool IsDiskGroupFull();
+    void RecycleRecFile();
+    int32_t FreeOldestFiles();
+    void RecycleDay(int64_t day, int32_t *left);
+    void TellDiskGroupFull();
+
+    int32_t AddOrChange(const RecPartitionInfo &info, int32_t *added);
+    int32_t AddNewPartition(const RecPartitionInfo &info, const DiskConfig &config, int32_t *added);
     bool IsPinned(int32_t slot);
     bool FileLiesOn(int32_t slot, const char *path);
     void DestroyEvents();
@@ -99,6 +125,12 @@ class CStorageMngr {
     CMutex m_mtxCallback{LockRank::disk_full_callback};
     DiskGroupFullCallback m_callback RCVT_GUARDED_BY(m_mtxCallback) = nullptr;
     void *m_callback_user RCVT_GUARDED_BY(m_mtxCallback) = nullptr;
+
+    CThread<CStorageMngr> m_MonitorThrd;
+    // Ticks of the monitor, its own. They live as long as the library.
+    int32_t m_sweep_ticks = 0;
+    int32_t m_ageing_ticks = 0;
+    int32_t m_real_free_ticks = 0;
 };
 
 }  // namespace kelm_recvault

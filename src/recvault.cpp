@@ -301,11 +301,16 @@ int32_t KELM_AviFile_ReleaseRecSegList(RecSegNode *head) try {
 }
 CATCH_NO_MEMORY
 
-int32_t KELM_AviFile_JudgeIFHaveDataByDays(int64_t, uint32_t nDays, uint32_t *dayMask, int32_t nDevIdx) try {
+int32_t KELM_AviFile_JudgeIFHaveDataByDays(int64_t firstDay, uint32_t nDays, uint32_t *dayMask, int32_t nDevIdx) try {
     REQUIRE_INIT();
     REFUSE_IF(nDays > kMaxDays || dayMask == nullptr, KELM_AVIFILE_BAD_ARGUMENT);
     REQUIRE_DEVICE(nDevIdx);
-    return traced(RCVT_HERE, KELM_AVIFILE_FAILED);
+    uint32_t mask = 0;
+    const int32_t result =
+        library().StorageMngr().JudgeHaveDataByDays(static_cast<uint32_t>(nDevIdx), firstDay, nDays, &mask);
+    REFUSE_IF(result != KELM_AVIFILE_OK, result);
+    *dayMask = mask;
+    return KELM_AVIFILE_OK;
 }
 CATCH_NO_MEMORY
 

@@ -3,8 +3,9 @@
  * Conventions
  *
  *  1. Results. Every function returns 0 or one of the negative codes of kelm_avifile_result. The codes that a function
- *     can give are listed at the function; each of them may also give KELM_AVIFILE_NOT_INITIALIZED. A failure is told on
- *     the log (standard error) where it arises. A call that fails for a bad argument has changed nothing.
+ *     can give are listed at the function; each of them may also give KELM_AVIFILE_NOT_INITIALIZED, and
+ *     KELM_AVIFILE_NO_MEMORY. A failure is told on the log (standard error) where it arises. A call that fails for a bad
+ *     argument has changed nothing, but for the record of KELM_AviFile_AddRecPartition, which is normalised first.
  *  2. Handles. A device is named by its number, 1 to 255, everything else by a handle that is the index in a table plus 1.
  *     0 is never a device and never a handle. A number or a handle is used again once it has been given back.
  *  3. Channels are numbered 0 to 1023 within a device. KELM_AVIFILE_ALL_CHANNELS stands for all of them where it is allowed.
@@ -165,14 +166,15 @@ RECVAULT_API int32_t KELM_AviFile_UnInit(uint32_t reserved);
 /* ---- Partitions ---- */
 
 /* Adds a partition, or gives a known one new values of rec_space, max_save_hour and priority. Up to 24 partitions. The path
- * is normalised in `info`, and rec_space lowered to disk_space. Blocks while the partition is taken into use. A partition
- * belongs to one process at a time.
+ * is normalised in `info`, and rec_space lowered to disk_space. Blocks while the partition is scanned: files that a crash
+ * cut are repaired, and every index is written anew from the files. A partition belongs to one process at a time.
  *   KELM_AVIFILE_BAD_ARGUMENT  info is null, the path is empty or not absolute, or rec_space is 0
  *   KELM_AVIFILE_NO_SLOT       24 partitions are in use
  *   KELM_AVIFILE_FAILED        another process records on the partition, or it could not be taken into use */
 RECVAULT_API int32_t KELM_AviFile_AddRecPartition(RecPartitionInfo *info);
 
-/* Takes a partition out of use; its files stay. Open files on it are closed. Returns when nothing works on it any more.
+/* Takes a partition out of use; its files stay. Open files on it are closed. Returns when every file on it is finished and
+ * nothing works on it any more.
  *   KELM_AVIFILE_BAD_ARGUMENT  path is null
  *   KELM_AVIFILE_FAILED        no partition of that path is in use */
 RECVAULT_API int32_t KELM_AviFile_DelRecPartition(const char *path);
@@ -345,7 +347,7 @@ RECVAULT_API int32_t KELM_AviFile_DelAviFiles(uint32_t nChannel, int64_t day, in
 /* Deletes one record file of a partition in use, by its full path with forward slashes.
  *   KELM_AVIFILE_BAD_ARGUMENT  path is null or shorter than 4 characters
  *   KELM_AVIFILE_NO_FILE       the name does not end in ".avi", or there is no such file
- *   KELM_AVIFILE_FAILED        the file lies on no partition in use, or could not be deleted */
+ *   KELM_AVIFILE_FAILED        the file lies on no partition in use, is being recorded, or could not be deleted */
 RECVAULT_API int32_t KELM_AviFile_DelAviFileByName(const char *path);
 
 /* ---- Save-as export ---- */
