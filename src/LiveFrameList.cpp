@@ -219,10 +219,16 @@ int32_t CPacketManager::SetIdxInfo(const void *record, int32_t *free_slots) {
     }
     // The ring's size is a whole number of records, so that none ever wraps.
     std::memcpy(m_index_ring.get() + offset, record, kIndexRecordSize);
-    const CAutoMutex lock(&m_lock);
-    m_index_write_offset = (offset + kIndexRecordSize) % kIndexRingSize;
-    m_index_used += kIndexRecordSize;
-    *free_slots = (kIndexRingSize - m_index_used) / kIndexRecordSize;
+    bool half_full = false;
+    {
+        const CAutoMutex lock(&m_lock);
+        m_index_write_offset = (offset + kIndexRecordSize) % kIndexRingSize;
+        m_index_used += kIndexRecordSize;
+        half_full = m_index_used == kIndexRingSize / 2;
+        *free_slots = (kIndexRingSize - m_index_used) / kIndexRecordSize;
+    }
+    // Small frames fill this ring long before the other one holds a block.
+    if (half_full && m_consumer != nullptr) m_consumer->Wake();
     return KELM_AVIFILE_OK;
 }
 

@@ -11,7 +11,7 @@
 // thread that closes the file once that one has ended. m_lock is held for positions and counters alone, never for a copy:
 // the producer copies into free space, which only it makes smaller, and the consumer reads bytes that count as used until it
 // releases them. The consumer looks by itself every 20 ms; it is woken before that when a block of the largest size becomes
-// complete, which costs the delivering call a system call, so not for smaller ones.
+// complete, or the index ring half full, which costs the delivering call a system call, so not for less.
 //
 // Owned by value by CAviWriter; the rings exist from Initialize to Uninitialize.
 #pragma once

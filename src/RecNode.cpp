@@ -256,7 +256,9 @@ int32_t channel_of_folder(const char *name) {
 }
 
 bool is_plausible(const RecFileNode &node) {
-    return node.begin_sec <= node.end_sec && node.end_sec - kSecondsPerDay <= node.begin_sec;
+    // Of wild values the difference may not fit; as unsigned numbers it is right where the order is.
+    const uint64_t span = static_cast<uint64_t>(node.end_sec) - static_cast<uint64_t>(node.begin_sec);
+    return node.begin_sec <= node.end_sec && span <= static_cast<uint64_t>(kSecondsPerDay);
 }
 
 // Of an index record, whatever bytes it holds.

@@ -1,5 +1,7 @@
 #include "StorageManager.h"
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -19,15 +21,16 @@ constexpr int32_t kMonitorPeriod = 1000;  // milliseconds
 constexpr int32_t kTicksPerMinute = 60;
 constexpr int32_t kTicksPerFreeSpaceCheck = 10;
 
-// The first second of a day folder's day; false for a name that is no day.
-bool second_of_day(const std::string &day, int64_t *second) {
-    int32_t year = 0;
-    int32_t month = 0;
-    int32_t number = 0;
-    if (std::sscanf(day.c_str(), "%4d%2d%2d", &year, &month, &number) != 3) return false;
-    const DateTimeFields midnight{
-        static_cast<uint16_t>(year), static_cast<uint16_t>(month), static_cast<uint16_t>(number), 0, 0, 0};
-    return CGlobalObject::Instance().mktime_utc(&midnight, second) == KELM_AVIFILE_OK;
+// The first second of a day folder's day, in the time base: no zone and no daylight time has a part in it. A name that is no
+// date counts as one nearby.
+int64_t second_of_day(const std::string &day) {
+    int32_t year = 1970;
+    int32_t month = 1;
+    int32_t number = 1;
+    std::sscanf(day.c_str(), "%4d%2d%2d", &year, &month, &number);
+    const std::chrono::year_month_day first_of_month{
+        std::chrono::year(year), std::chrono::month(static_cast<unsigned>(std::clamp(month, 1, 12))), std::chrono::day(1)};
+    return (std::chrono::sys_days(first_of_month).time_since_epoch().count() + number - 1) * kSecondsPerDay;
 }
 
 std::string record_root(const char *path) { return std::string(path) + "/" + kRecordFolder + "/"; }
@@ -391,10 +394,12 @@ int32_t CStorageMngr::GetRecDateLimit(int64_t *first_sec, int64_t *last_sec) {
         if (disk.GetOldestDay(&day) == KELM_AVIFILE_OK && (oldest.empty() || day < oldest)) oldest = day;
         if (disk.GetNewestDay(&day) == KELM_AVIFILE_OK && day > newest) newest = day;
     });
-    if (oldest.empty() || !second_of_day(oldest, first_sec) || !second_of_day(newest, last_sec)) {
+    if (oldest.empty()) {
         LOG_TRACE();
         return KELM_AVIFILE_FAILED;
     }
+    *first_sec = second_of_day(oldest);
+    *last_sec = second_of_day(newest);
     return KELM_AVIFILE_OK;
 }
 
@@ -402,7 +407,8 @@ int32_t CStorageMngr::JudgeHaveDataByDays(uint32_t dev_idx, int64_t begin_sec, u
     *mask = 0;
     for (uint32_t i = 0; i < day_cnt; ++i) {
         DateTimeFields time{};
-        CGlobalObject::gmtime_utc(begin_sec + static_cast<int64_t>(i) * kSecondsPerDay, &time);
+        const uint64_t second = static_cast<uint64_t>(begin_sec) + static_cast<uint64_t>(i) * kSecondsPerDay;
+        CGlobalObject::gmtime_utc(static_cast<int64_t>(second), &time);
         char day[32];
         std::snprintf(day, sizeof(day), "%04d%02d%02d", time.year, time.month, time.day);
         for_each_disk([&](CDisk &disk) {

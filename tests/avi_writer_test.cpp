@@ -267,6 +267,16 @@ TEST_F(AviWriter, SideFileFollowsTheFramesWithinItsDelay) {
     }
 }
 
+// Frames so small that their side records fill a ring long before they fill a block: none may be without one.
+TEST_F(AviWriter, KeepsUpWithTheSideRecordsOfSmallFrames) {
+    for (uint32_t i = 0; i < 20000; ++i) {
+        ASSERT_EQ(Video(i % 25 == 0 ? kKey : kInter, 1000 + i / 25, i % 25 * 40000, 64), 0);
+        ASSERT_TRUE(i % 250 != 249 || wait_until([&] { return fs::file_size(path + "_idx") / 40 + 250 > i; })) << i;
+    }
+    writer.close(nullptr, nullptr);
+    StoredFile(path).ExpectComplete();
+}
+
 TEST_F(AviWriter, ThatCannotBeginAFileLeavesNone) {
     writer.close(nullptr, nullptr);
     const std::string other = dir / "other.avi";

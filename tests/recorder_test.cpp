@@ -1,7 +1,6 @@
 // From a delivered frame to files in the tree: when files begin and end, what the index says of them, what a bad frame and a
 // bad day leave behind.
 #include <sys/mount.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "GlobalObj.h"
@@ -193,52 +192,6 @@ TEST_F(Recorder, SweepClosesTheFilesOfSilentChannels) {
     EXPECT_EQ(Records()[0].is_recording, 0U);
     DeliverKey(kTenOClock + 2000);
     EXPECT_EQ(Files().size(), 2U);
-}
-
-TEST_F(Recorder, KilledInTheMiddleLeavesItsSideFile) {
-    const pid_t child = fork();
-    if (child == 0) {
-        // The library of the parent has threads that a fork does not take along; the child runs one of its own.
-        execl("/proc/self/exe", "recvault_tests", "--gtest_also_run_disabled_tests",
-              "--gtest_filter=CrashChild.DISABLED_RecordsForEver", static_cast<char *>(nullptr));
-        _exit(1);
-    }
-    const std::string root = fs::temp_directory_path() / ("recvault-crash-" + std::to_string(child));
-    const std::string path = root + "/avi_av/20261124/cam/channel01/100000.avi";
-    ASSERT_TRUE(wait_until([&] { return fs::exists(path) && fs::file_size(path) > 1000000; }));
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-    const StoredFile file(path);
-    const std::string side = read_file(path + "_idx");
-    EXPECT_EQ(file.word(77816), 0U);
-    ASSERT_GT(file.frames.size(), 100U);
-    const size_t records = std::min(side.size() / 40, file.frames.size());
-    EXPECT_GT(records + 64, file.frames.size());  // at most what 20 ms take lacks its record
-    for (size_t i = 0; i < records; ++i) {
-        ASSERT_EQ(at<uint32_t>(side, i * 40 + 16), file.frames[i].position);
-        ASSERT_EQ(at<uint32_t>(side, i * 40 + 12), file.frames[i].length);
-    }
-    fs::remove_all(root);
-}
-
-TEST(CrashChild, DISABLED_RecordsForEver) {
-    const std::string root = fs::temp_directory_path() / ("recvault-crash-" + std::to_string(getpid()));
-    fs::create_directories(root);
-    KELM_AviFile_Init(0);
-    RecPartitionInfo info{};
-    std::strncpy(info.path, root.c_str(), sizeof(info.path) - 1);
-    info.priority = 1;
-    info.rec_space = info.disk_space = 10ULL << 30;
-    ASSERT_EQ(KELM_AviFile_AddRecPartition(&info), 0);
-    int32_t device = 0;
-    KELM_AviFile_CreateDevHandle(&device, "cam");
-    KELM_AviFile_RecStart(0, 1, device);
-    for (uint32_t i = 0;; ++i) {
-        const Frame frame = make_frame(i % 25 == 0 ? kKey : kInter, i, kTenOClock + i / 1000, i % 1000 * 1000, 3001);
-        KELM_AviFile_DataInput(0, &frame.head, 36, frame.data.data(), 3001, frame.head.seconds, frame.head.microseconds,
-                               device);
-        std::this_thread::sleep_for(std::chrono::microseconds(300));
-    }
 }
 
 // ---- Bad days ----
