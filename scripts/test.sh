@@ -80,3 +80,4 @@ step 'clang thread safety' build clang --target recvault recvault_testing
 step 'clang-tidy' check_tidy
 build_and_test asan
 build_and_test tsan
+step 'fuzzers' scripts/fuzz.sh 60

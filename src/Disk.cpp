@@ -24,6 +24,7 @@ constexpr uint32_t kMaxFileLimit = kGiB;
 
 constexpr const char *kFirstDay = "19700101";
 constexpr const char *kLastDay = "21000101";
+constexpr int64_t kLastSecond = INT64_C(4294967295) + kSecondsPerDay;  // no frame has a later one
 
 std::string day_name(int64_t second) {
     DateTimeFields time{};
@@ -241,7 +242,7 @@ int32_t CDisk::DelOldestRecFile(const RecFileNode &node) {
 
 int32_t CDisk::DelRecFilePair(const char *path, const std::string &day) {
     const int32_t size = CFileManager::get_file_size(path);
-    const bool was_there = CFileManager::file_exists(path);
+    const bool was_there = !platform::path_is_gone(path);
     if (was_there && CFileManager::delete_file(path) != KELM_AVIFILE_OK) return KELM_AVIFILE_FAILED;
     CFileManager::delete_file((std::string(path) + kSideSuffix).c_str());
     ForgetFile(path, day, was_there ? size : 0);
@@ -251,6 +252,11 @@ int32_t CDisk::DelRecFilePair(const char *path, const std::string &day) {
 // Takes a file that is gone out of its index and out of the account, and the folders that hold no other.
 void CDisk::ForgetFile(const char *path, const std::string &day, int32_t size_without_record) {
     const CAutoMutex lock(&m_mtxIndex);
+    // Without an index another deletion was here before, and took the folder's account along.
+    char index_path[256];
+    const bool indexed = CRecIndex::get_nodeidxz_fname(path, index_path, sizeof(index_path)) == KELM_AVIFILE_OK &&
+                         CFileManager::file_exists(index_path);
+    if (!indexed) size_without_record = 0;
     RecordedSize recorded;
     CRecIndex().delete_file_node(path, &recorded);
     const int32_t size = recorded.known ? recorded.bytes : size_without_record;
@@ -262,10 +268,11 @@ void CDisk::ForgetFile(const char *path, const std::string &day, int32_t size_wi
 int32_t CDisk::DelEmptyDay(const std::string &day) {
     CRecIndex index;
     if (GetRecIdxObj(&index, day, false) != KELM_AVIFILE_OK) return KELM_AVIFILE_FAILED;
-    if (!index.check_rec_dir(kAllDevices)) {
-        const CAutoMutex lock(&m_mtxRecIdx);
-        m_mapRecIdx.erase(day);
-    }
+    // Of a volume that was pulled, every folder seems to be gone; its days stay for its return.
+    if (!IsDiskExist() || CRecIndex::check_rec_dir(index.folder_of(kAllDevices))) return KELM_AVIFILE_OK;
+    const bool tree_exists = CFileManager::file_exists(m_acRecFolder);
+    const CAutoMutex lock(&m_mtxRecIdx);
+    if (tree_exists || m_mapRecIdx.size() == 1) m_mapRecIdx.erase(day);
     return KELM_AVIFILE_OK;
 }
 
@@ -295,12 +302,17 @@ bool CDisk::NextDay(std::string *day) {
 
 bool CDisk::HasRecData(const std::string &day, uint32_t dev_idx) {
     CRecIndex index;
-    return GetRecIdxObj(&index, day, false) == KELM_AVIFILE_OK && index.check_rec_dir(dev_idx);
+    if (GetRecIdxObj(&index, day, false) != KELM_AVIFILE_OK) return false;
+    const std::string folder = index.folder_of(dev_idx);
+    const CAutoMutex lock(&m_mtxIndex);
+    return CRecIndex::check_rec_dir(folder);
 }
 
 // ---- Queries ----
 
 void CDisk::QueryRecFile(const RecQuery &query, int64_t begin_sec, int64_t end_sec, RecFileSet *files) {
+    begin_sec = std::clamp<int64_t>(begin_sec, 0, kLastSecond);
+    end_sec = std::clamp<int64_t>(end_sec, 0, kLastSecond);
     if (query.dev_idx <= KELM_AVIFILE_MAX_DEVICES) QueryDayBefore(query, begin_sec, end_sec, files);
     for (int64_t t = begin_sec; t < end_sec; t = t - t % kSecondsPerDay + kSecondsPerDay) {
         CRecIndex index;
@@ -316,9 +328,7 @@ void CDisk::QueryRecFile(const RecQuery &query, int64_t begin_sec, int64_t end_s
 void CDisk::QueryDayBefore(const RecQuery &query, int64_t begin_sec, int64_t end_sec, RecFileSet *files) {
     CRecIndex index;
     if (GetRecIdxObj(&index, day_name(begin_sec - kSecondsPerDay), false) != KELM_AVIFILE_OK) return;
-    const int32_t first = query.channel == kAllChannels ? 0 : query.channel;
-    const int32_t last = query.channel == kAllChannels ? KELM_AVIFILE_MAX_CHANNELS - 1 : query.channel;
-    for (int32_t channel = first; channel <= last; ++channel) {
+    for (const int32_t channel : CRecIndex::channels_in(index.folder_of(query.dev_idx), query.channel)) {
         RecFileNode node{};
         if (index.get_newest_node_info(query.dev_idx, channel, query.include_recording, &node) != KELM_AVIFILE_OK) continue;
         if (node.begin_sec <= end_sec && node.end_sec >= begin_sec) files->insert(node);
@@ -354,7 +364,7 @@ void CDisk::DelFileExceedMaxSaveTime() {
         RecFileSet files;
         index.query_nodes({kAllDevices, kAllChannels, kAllRecTypes, false}, &files, nullptr);
         for (const RecFileNode &node : files) {
-            if (now - node.begin_sec <= limit) return;
+            if (node.begin_sec >= now - limit) return;
             LOG_INFO("file %s exceed %d s, remove it \n", node.rec_file_path, static_cast<int32_t>(limit));
             DelRecFile(node.rec_file_path);
         }

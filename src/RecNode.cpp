@@ -49,6 +49,17 @@ bool has_name(const RecIndexRecord &record, const char *name) {
 
 bool read_record(platform::File *file, RecIndexRecord *record) { return file->Read(record, kRecordSize) == kRecordSize; }
 
+// Writes a mended record back, unless somebody has changed it since it was read.
+void write_back(const char *index_path, int64_t position, const RecIndexRecord &read, const RecIndexRecord &mended) {
+    platform::File file;
+    RecIndexRecord now{};
+    if (!file.Open(index_path, platform::OpenMode::update)) return;
+    file.Seek(position, platform::SeekFrom::begin);
+    if (!read_record(&file, &now) || std::memcmp(&now, &read, sizeof(now)) != 0) return;
+    file.Seek(position, platform::SeekFrom::begin);
+    file.Write(&mended, sizeof(mended));
+}
+
 bool rewrite_record(platform::File *file, const RecIndexRecord &record) {
     file->Seek(-kRecordSize, platform::SeekFrom::current);
     return file->Write(&record, kRecordSize) == kRecordSize && file->Flush();
@@ -81,7 +92,7 @@ bool find_last_record(platform::File *file, const char *name, RecIndexRecord *re
 
 // The name of a record file and the path of the index beside it.
 struct IndexedName {
-    char name[64];
+    char name[256];
     char index_path[256];
 };
 
@@ -146,10 +157,13 @@ int32_t CRecIndex::insert_file_node(const RecFileNode &node, bool is_recording) 
     record.file_size = node.file_size;
     record.channel = node.channel;
     record.is_recording = is_recording ? 1 : 0;
-    const int64_t end = file.Seek(0, platform::SeekFrom::end);
+    // A torn record at the end would misalign everything behind it: it is written over.
+    int64_t end = file.Seek(0, platform::SeekFrom::end);
+    end -= end % kRecordSize;
+    file.Seek(end, platform::SeekFrom::begin);
     if (file.Write(&record, sizeof(record)) != sizeof(record)) {
         LOG_ERR("%s write fail!\n", index_path);
-        file.Truncate(end);  // a torn record would misalign everything behind it
+        file.Truncate(end);
         return KELM_AVIFILE_FAILED;
     }
     return KELM_AVIFILE_OK;
@@ -223,10 +237,13 @@ int32_t CRecIndex::decrease_rec_cnt(const char *index_path) {
     return KELM_AVIFILE_OK;
 }
 
-bool CRecIndex::check_rec_dir(uint32_t dev_idx) {
+std::string CRecIndex::folder_of(uint32_t dev_idx) const {
     char name[kMaxDeviceName + 1] = {};
     if (dev_idx <= KELM_AVIFILE_MAX_DEVICES) ask_recording::GetDevName(dev_idx, name, sizeof(name));
-    const std::string folder = device_folder(name);
+    return device_folder(name);
+}
+
+bool CRecIndex::check_rec_dir(const std::string &folder) {
     if (CFileManager::dir_has_avi_file(folder.c_str())) return true;
     CFileManager::prune_dir(folder.c_str());
     return false;
@@ -292,7 +309,7 @@ bool refresh_record(const char *path, RecIndexRecord *record) {
     uint32_t type = 0;
     int64_t begin_sec = 0;
     int64_t end_sec = 0;
-    record->file_size = CFileManager::get_file_size(path);
+    if (!closed || record->file_size == 0) record->file_size = CFileManager::get_file_size(path);
     if (ask_recording::GetRecInfo(record->channel, path, &type, &begin_sec, &end_sec) != KELM_AVIFILE_OK) return false;
     record->type = type;
     record->begin_sec = begin_sec;
@@ -332,8 +349,7 @@ int32_t CRecIndex::get_newest_node_info(uint32_t dev_idx, int32_t channel, bool 
 int32_t CRecIndex::query_node(const char *index_path, int32_t channel, const RecQuery &query, RecFileSet *files,
                               RecFileSet *gone) {
     platform::File file;
-    if (!file.Open(index_path, platform::OpenMode::update, kIndexBuffer) &&
-        !file.Open(index_path, platform::OpenMode::read, kIndexBuffer)) {
+    if (!file.Open(index_path, platform::OpenMode::read, kIndexBuffer)) {
         LOG_TRACE();
         return KELM_AVIFILE_FAILED;
     }
@@ -348,12 +364,13 @@ int32_t CRecIndex::query_node(const char *index_path, int32_t channel, const Rec
         if (!CFileManager::file_exists(path)) {
             RecFileNode node = node_of(record);
             copy_text(node.rec_file_path, path);
-            if (gone != nullptr && !recording) gone->insert(node);
+            if (gone != nullptr && !recording && platform::path_is_gone(path)) gone->insert(node);
             continue;
         }
         if (recording || record.end_sec == 0 || record.file_size == 0) {
+            const RecIndexRecord read = record;
             if (!refresh_record(path, &record)) continue;
-            if (!recording) rewrite_record(&file, record);
+            if (!recording) write_back(index_path, file.Tell() - kRecordSize, read, record);
         }
         if ((record.type & query.type_mask) == 0) continue;
         RecFileNode node = node_of(record);
@@ -370,18 +387,19 @@ int32_t CRecIndex::query_node(const char *index_path, int32_t channel, const Rec
 }
 
 // One channel is looked for by name; for all of them the folder is listed once.
-void CRecIndex::query_device(const char *dev_name, const RecQuery &query, RecFileSet *files, RecFileSet *gone) const {
+std::set<int32_t> CRecIndex::channels_in(const std::string &device_folder, int32_t channel) {
+    if (channel != kAllChannels) return {channel};
     std::set<int32_t> channels;
-    if (query.channel != kAllChannels) {
-        channels.insert(query.channel);
-    } else {
-        for_each_entry(device_folder(dev_name).c_str(), true, [&channels](const FileFindEntry &entry) {
-            const int32_t channel = channel_of_folder(entry.name);
-            if (channel >= 0) channels.insert(channel);
-        });
-    }
+    for_each_entry(device_folder.c_str(), true, [&channels](const FileFindEntry &entry) {
+        const int32_t found = channel_of_folder(entry.name);
+        if (found >= 0) channels.insert(found);
+    });
+    return channels;
+}
+
+void CRecIndex::query_device(const char *dev_name, const RecQuery &query, RecFileSet *files, RecFileSet *gone) const {
     char index_path[256];
-    for (const int32_t channel : channels) {
+    for (const int32_t channel : channels_in(device_folder(dev_name), query.channel)) {
         if (get_nodeidx_fname(dev_name, channel, index_path, sizeof(index_path)) != KELM_AVIFILE_OK) continue;
         if (CFileManager::file_exists(index_path)) query_node(index_path, channel, query, files, gone);
     }
@@ -439,38 +457,36 @@ namespace {
 
 constexpr size_t kMinRecordName = sizeof("100000.avi") - 1;
 
-// The records of an index file that are not deleted, by name; the first of a name by begin_sec stands.
-std::map<std::string, RecFileNode> read_old_nodes(const char *index_path) {
-    RecFileSet ordered;
+// The records of an index file that are not deleted, by name. Of several of a name one that was closed stands.
+std::map<std::string, RecIndexRecord> read_old_records(const char *index_path) {
+    std::map<std::string, RecIndexRecord> records;
     platform::File file;
     RecIndexRecord record{};
     std::string name;
-    if (file.Open(index_path, platform::OpenMode::read, kIndexBuffer)) {
-        while (read_record(&file, &record)) {
-            if (record.type == 0 || !safe_name(record, &name)) continue;
-            RecFileNode node = node_of(record);
-            copy_text(node.rec_file_path, name.c_str());
-            ordered.insert(node);
-        }
+    if (!file.Open(index_path, platform::OpenMode::read, kIndexBuffer)) return records;
+    while (read_record(&file, &record)) {
+        if (record.type == 0 || !safe_name(record, &name)) continue;
+        const auto known = records.emplace(name, record).first;
+        if (known->second.is_recording != 0) known->second = record;
     }
-    std::map<std::string, RecFileNode> nodes;
-    for (const RecFileNode &node : ordered) nodes.emplace(node.rec_file_path, node);
-    return nodes;
+    return records;
 }
 
-// What the new index says of a file. Its type stays 0 when neither a record nor the file itself can tell.
+// What the new index says of a file: what its record says, if that was entered at a close and the file was not cut; else
+// what the file itself says. The type stays 0 when neither can tell.
 RecFileNode scan_file(const std::string &folder, const FileFindEntry &entry, int32_t channel,
-                      const std::map<std::string, RecFileNode> &old_nodes) {
+                      const std::map<std::string, RecIndexRecord> &old_records) {
     const std::string path = folder + entry.name;
     const bool cut = CFileManager::file_exists((path + kSideSuffix).c_str());
     if (cut) avi_restore_file(path.c_str());
-    const auto known = old_nodes.find(entry.name);
+    const auto known = old_records.find(entry.name);
+    const bool believed = known != old_records.end() && !cut && known->second.is_recording == 0;
     RecFileNode node{};
-    if (known != old_nodes.end()) node = known->second;
+    if (known != old_records.end()) node = node_of(known->second);
     copy_text(node.rec_file_path, entry.name);
     node.channel = static_cast<uint32_t>(channel);
     node.file_size = cut ? CFileManager::get_file_size(path.c_str()) : static_cast<int32_t>(entry.size);
-    if (cut || known == old_nodes.end()) avi_get_recinfo_by_name(path.c_str(), &node.type, &node.begin_sec, &node.end_sec);
+    if (!believed) avi_get_recinfo_by_name(path.c_str(), &node.type, &node.begin_sec, &node.end_sec);
     return node;
 }
 
@@ -487,6 +503,9 @@ bool append_record(platform::File *file, const RecFileNode &node) {
 
 void delete_senseless(const std::string &folder, const RecFileNode &node) {
     const std::string path = folder + node.rec_file_path;
+    platform::File file;
+    if (!file.Open(path.c_str(), platform::OpenMode::read)) return;  // that says nothing of what it holds
+    file.Close();
     LOG_WARN("file error, delete it, file_name = %s, type = %d, begin_sec = %d, end_sec = %d, file_size = %d \n",
              path.c_str(), static_cast<int32_t>(node.type), static_cast<int32_t>(node.begin_sec),
              static_cast<int32_t>(node.end_sec), node.file_size);
@@ -504,10 +523,10 @@ int32_t CRecIndex::rebuild_file(const char *index_path, int32_t channel, ScanTot
         return KELM_AVIFILE_FAILED;
     }
     const std::string folder(index_path, slash + 1);
-    const std::map<std::string, RecFileNode> old_nodes = read_old_nodes(index_path);
+    const std::map<std::string, RecIndexRecord> old_records = read_old_records(index_path);
     RecFileSet new_nodes;
     for_each_entry((folder + "*.avi").c_str(), false, [&](const FileFindEntry &entry) {
-        if (std::strlen(entry.name) >= kMinRecordName) new_nodes.insert(scan_file(folder, entry, channel, old_nodes));
+        if (std::strlen(entry.name) >= kMinRecordName) new_nodes.insert(scan_file(folder, entry, channel, old_records));
     });
     platform::File file;
     if (!file.Open(index_path, platform::OpenMode::create_update, kIndexBuffer)) {
@@ -522,7 +541,12 @@ int32_t CRecIndex::rebuild_file(const char *index_path, int32_t channel, ScanTot
             ++totals->files;
         }
     }
-    file.Close();
+    if (!file.Close()) {  // what is not entered does not count
+        LOG_TRACE();
+        CFileManager::delete_file(index_path);
+        *totals = ScanTotals{};
+        return KELM_AVIFILE_FAILED;
+    }
     if (totals->files == 0) CFileManager::delete_avi_file(index_path);
     return KELM_AVIFILE_OK;
 }

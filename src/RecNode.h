@@ -14,6 +14,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <set>
 #include <string>
 
 #include "RecFileNode.h"
@@ -103,8 +104,12 @@ class CRecIndex {
     ScanTotals init_day_dir() const;
     ScanTotals init_devch_dir(const char *dev_name) const;
     static int32_t rebuild_file(const char *index_path, int32_t channel, ScanTotals *totals);
-    // Does the folder of the day, or of one device in it, hold record files? One that does not is removed.
-    bool check_rec_dir(uint32_t dev_idx);
+    // The folder of the day, or of one device in it.
+    std::string folder_of(uint32_t dev_idx) const;
+    // Does such a folder hold record files? One that does not is removed.
+    static bool check_rec_dir(const std::string &folder);
+    // The channel asked for, or those that have a folder there, ascending.
+    static std::set<int32_t> channels_in(const std::string &device_folder, int32_t channel);
 
  private:
     void query_device(const char *dev_name, const RecQuery &query, RecFileSet *files, RecFileSet *gone) const;

@@ -28,8 +28,9 @@ int64_t second_of_day(const std::string &day) {
     int32_t month = 1;
     int32_t number = 1;
     std::sscanf(day.c_str(), "%4d%2d%2d", &year, &month, &number);
-    const std::chrono::year_month_day first_of_month{
-        std::chrono::year(year), std::chrono::month(static_cast<unsigned>(std::clamp(month, 1, 12))), std::chrono::day(1)};
+    const std::chrono::year_month_day first_of_month{std::chrono::year(std::clamp(year, 1970, 2100)),
+                                                     std::chrono::month(static_cast<unsigned>(std::clamp(month, 1, 12))),
+                                                     std::chrono::day(1)};
     return (std::chrono::sys_days(first_of_month).time_since_epoch().count() + number - 1) * kSecondsPerDay;
 }
 
@@ -379,6 +380,7 @@ void CStorageMngr::for_each_disk(Visit visit) {
 
 int32_t CStorageMngr::QueryRecFile(const RecQuery &query, int64_t begin_sec, int64_t end_sec, bool all_disks,
                                    RecFileSet *files) {
+    begin_sec = std::max<int64_t>(begin_sec, 0);
     if (end_sec == 0) end_sec = begin_sec - begin_sec % kSecondsPerDay + kSecondsPerDay - 1;
     for_each_disk([&](CDisk &disk) {
         if (all_disks || disk.CanRecycle()) disk.QueryRecFile(query, begin_sec, end_sec, files);

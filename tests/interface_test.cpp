@@ -1,6 +1,8 @@
 // The exported layer: states, arguments and codes, from one thread and from many; what an idle library costs.
 #include <unistd.h>
 
+#include "GlobalObj.h"
+#include "StorageManager.h"
 #include "support.h"
 
 using namespace recvault_tests;
@@ -323,4 +325,51 @@ TEST_F(RecordingTest, SurvivesEverythingAtOnce) {
     for (const auto &path : find_files(second.path(), ".avi")) files.push_back(path);
     EXPECT_FALSE(files.empty());  // how many the deletions left is a matter of luck
     for (const auto &path : files) StoredFile(path).ExpectComplete();
+}
+
+// Recording, the scan, queries, days, the sweep, ageing and deletion against each other.
+TEST_F(RecordingTest, KeepsItsStoreWhileEverybodyAsks) {
+    const TempDir second;
+    for (uint32_t channel = 0; channel < 16; ++channel) ASSERT_EQ(KELM_AviFile_RecStart(channel, 1, device), 0);
+    std::atomic<bool> done{false};
+    std::vector<std::thread> others;
+    others.emplace_back([&] {
+        while (!done) {
+            uint32_t days = 0;
+            EXPECT_EQ(KELM_AviFile_JudgeIFHaveDataByDays(kTenOClock, 3, &days, device), 0);
+            kelm_recvault::RecFileSet files;
+            kelm_recvault::CGlobalObject::Instance().StorageMngr().QueryRecFile(
+                {1, kelm_recvault::kAllChannels, kelm_recvault::kAllRecTypes, true}, kTenOClock, 0, true, &files);
+        }
+    });
+    others.emplace_back([&] {
+        while (!done) {
+            AddPartition(second.path(), 100ULL << 30, 2);
+            KELM_AviFile_DelRecPartition(second.path().c_str());
+        }
+    });
+    others.emplace_back([&] {
+        while (!done) {
+            for (const auto &path : find_files(store.path(), "1000.avi")) KELM_AviFile_DelAviFileByName(path.c_str());
+            std::this_thread::yield();
+        }
+    });
+    for (uint32_t i = 0; i < 200; ++i) {
+        for (uint32_t channel = 0; channel < 16; ++channel) {
+            Frame frame = make_frame(i % 5 == 0 ? kKey : kInter, i, kTenOClock + i, 0, 2000);
+            frame.head.width = static_cast<uint16_t>(i / 10 + 1);
+            Deliver(frame, channel);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    done = true;
+    for (auto &other : others) other.join();
+    for (uint32_t channel = 0; channel < 16; ++channel) KELM_AviFile_RecStop(channel, device);
+    uint64_t recorded = 0;
+    for (const auto &path : find_files(store.path(), "rec_index.bin")) {
+        for (const auto &record : read_index(path))
+            recorded += record.type == 0 ? 0 : static_cast<uint64_t>(record.file_size);
+    }
+    EXPECT_EQ(UsedSpace(), recorded);
+    for (const auto &path : Files()) StoredFile(path).ExpectComplete();
 }

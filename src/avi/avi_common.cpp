@@ -235,6 +235,17 @@ void add_to_segments(RecSegStrn *table, uint32_t *last_count, const FrameIdxRec 
 
 }  // namespace
 
+namespace {
+
+// Records stand in the order of their frames, which do not overlap. What does not is damage, and so is what follows it.
+bool is_sound(const FrameIdxRec &record, int64_t from, int64_t file_end) {
+    const bool known_chunk = record.index.chunk_id == kFccVideoChunk || record.index.chunk_id == kFccAudioChunk;
+    const int64_t position = record_pos_of(record.index.offset);
+    return known_chunk && position >= from && position == record.frame.position && record_end(record) <= file_end;
+}
+
+}  // namespace
+
 FrameCounts rebuild_tables(platform::File *side, int64_t file_end, RecSegStrn *table,
                            const std::function<void(const Idx1Entry &)> &each) {
     FrameCounts counts;
@@ -242,7 +253,7 @@ FrameCounts rebuild_tables(platform::File *side, int64_t file_end, RecSegStrn *t
     uint32_t last_count = 0;
     table->rec_seg_cnt = table->key_frame_cnt = 0;
     side->Seek(0, platform::SeekFrom::begin);
-    while (side->Read(&record, sizeof(record)) == sizeof(record) && record_end(record) <= file_end) {
+    while (side->Read(&record, sizeof(record)) == sizeof(record) && is_sound(record, counts.end, file_end)) {
         each(record.index);
         if (record.index.flags == kIndexKeyFlag) {
             if (table->key_frame_cnt < kMaxKeyFrames) table->key_frames[table->key_frame_cnt++] = record.frame;
@@ -385,9 +396,10 @@ bool write_repaired(platform::File *file, platform::File *side, int64_t movi_pos
     const int64_t file_end = file->Seek(0, platform::SeekFrom::end);
     FrameCounts counts = rebuild_tables(side, file_end, table, ignore_entry);
     const int64_t movi_end = find_movi_end(file, counts.end, file_end);
+    // The table first: it needs no room on a full disk, and tells what the file holds even if the rest fails.
+    if (!write_at(file, kStrnPos, table, sizeof(*table))) return false;
     if (!write_index(file, side, movi_end, table, &counts)) return false;
     if (!write_int(file, movi_pos + 4, static_cast<uint32_t>(movi_end - movi_pos - 8))) return false;
-    if (!write_at(file, kStrnPos, table, sizeof(*table))) return false;
     const RecordedTime time = recorded_time(*table);
     if (counts.video > 0) write_frame_rate(file, time.seconds, time.microseconds, counts.video);
     return write_int(file, offsetof(AviHead, main.streams), counts.audio > 0 ? 2 : 1) &&

@@ -194,7 +194,10 @@ bool kelm_avi_reader::Filter::Refuses(const FrameRecHead &head) {
     if (mode == kVideoFrames) return !is_video_frame(type);
     if (mode == kAudioFrames) return !is_audio_frame(type);
     if (mode != kKeyFrames) return false;
-    return !is_i_frame(type) || skip-- > 0;
+    if (!is_i_frame(type)) return true;
+    if (skip <= 0) return false;
+    --skip;
+    return true;
 }
 
 int32_t kelm_avi_reader::read_data(int32_t mode, int32_t skip, uint32_t rec_type, const uint8_t **frame, int32_t *length) {
@@ -310,12 +313,13 @@ int32_t kelm_avi_reader::load(int64_t current_size) {
     return KELM_AVIFILE_END_OF_DATA;
 }
 
-// Moves the span to the buffer's start, so that it ends on a multiple of 512. A load that would not fit behind it is made
-// smaller; when not even the rest of the frame fits, the span is given up.
+// Moves the span to the buffer's start, so that it ends on a multiple of 512 where there is room for that. A load that would
+// not fit behind it is made smaller, down to the rest of the frame; when that does not fit, the span is given up.
 bool kelm_avi_reader::make_room(int64_t rest, int32_t *load_size) {
-    const int32_t offset = m_data_buf_len == 0 ? 0 : kSkipUnit - m_data_buf_len % kSkipUnit;
+    int32_t offset = m_data_buf_len == 0 ? 0 : kSkipUnit - m_data_buf_len % kSkipUnit;
+    if (kBufferSize - offset - m_data_buf_len < std::max<int64_t>(rest, kLoadUnit)) offset = 0;
     const int64_t room = kBufferSize - offset - m_data_buf_len;
-    if (m_data_buf_len > 0 && room < std::max<int64_t>(rest, kLoadUnit)) {
+    if (room < std::max<int64_t>(rest, 1)) {
         std::printf("clear all data, offset+m_data_buf_len+read_len = %d, offset+m_data_buf_len+remain_frame_len = %d\n",
                     offset + m_data_buf_len + *load_size, static_cast<int32_t>(offset + m_data_buf_len + rest));
         m_data_buf_len = m_data_end = 0;
@@ -323,7 +327,8 @@ bool kelm_avi_reader::make_room(int64_t rest, int32_t *load_size) {
     }
     std::memmove(m_data_buf + offset, span_begin(), static_cast<size_t>(m_data_buf_len));
     m_data_end = offset + m_data_buf_len;
-    *load_size = static_cast<int32_t>(std::min<int64_t>(*load_size, round_down(room, kLoadUnit)));
+    const int64_t fitting = room >= kLoadUnit ? round_down(room, kLoadUnit) : room;
+    *load_size = static_cast<int32_t>(std::min<int64_t>(*load_size, std::max(fitting, rest)));
     return true;
 }
 
@@ -335,6 +340,7 @@ int32_t kelm_avi_reader::seek_time(int64_t sec) {
         return KELM_AVIFILE_FAILED;
     }
     const int64_t begin = platform::monotonic_ms();
+    sec = std::clamp<int64_t>(sec, -kFarAway, INT64_C(1) << 40);  // differences of times are taken below
     int64_t position = 0;
     platform::File side;
     if (m_recseg_strn->key_frame_cnt >= 1) {

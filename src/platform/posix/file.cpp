@@ -156,6 +156,11 @@ bool File::Flush() {
 int64_t File::Seek(int64_t offset, SeekFrom whence) {
     if (!IsOpen() || !Flush()) return -1;
     if (whence == SeekFrom::current) offset += Tell();
+    const int64_t buffered_from = m_position - static_cast<int64_t>(m_end);
+    if (whence != SeekFrom::end && offset >= buffered_from && offset < m_position) {  // what was read ahead still serves
+        m_begin = static_cast<size_t>(offset - buffered_from);
+        return offset;
+    }
     m_begin = m_end = 0;
     const int64_t position = lseek(m_handle, offset, whence == SeekFrom::end ? SEEK_END : SEEK_SET);
     if (position >= 0) m_position = position;
@@ -187,6 +192,8 @@ bool File::Close() {
 }
 
 bool path_exists(const char *path) { return access(path, F_OK) == 0; }
+
+bool path_is_gone(const char *path) { return access(path, F_OK) != 0 && (errno == ENOENT || errno == ENOTDIR); }
 
 bool is_directory(const char *path) {
     struct stat info {};
