@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -24,14 +25,13 @@ constexpr int32_t kTicksPerFreeSpaceCheck = 10;
 // The first second of a day folder's day, in the time base: no zone and no daylight time has a part in it. A name that is no
 // date counts as one nearby.
 int64_t second_of_day(const std::string &day) {
-    int32_t year = 1970;
-    int32_t month = 1;
-    int32_t number = 1;
-    std::sscanf(day.c_str(), "%4d%2d%2d", &year, &month, &number);
-    const std::chrono::year_month_day first_of_month{std::chrono::year(std::clamp(year, 1970, 2100)),
-                                                     std::chrono::month(static_cast<unsigned>(std::clamp(month, 1, 12))),
-                                                     std::chrono::day(1)};
-    return (std::chrono::sys_days(first_of_month).time_since_epoch().count() + number - 1) * kSecondsPerDay;
+    const auto number = [&day](size_t from, size_t length, long lowest, long highest) {
+        return std::clamp(std::strtol(day.substr(from, length).c_str(), nullptr, 10), lowest, highest);
+    };
+    const std::chrono::year_month_day date{std::chrono::year(static_cast<int>(number(0, 4, 1970, 2100))),
+                                           std::chrono::month(static_cast<unsigned>(number(4, 2, 1, 12))),
+                                           std::chrono::day(static_cast<unsigned>(number(6, 2, 1, 31)))};
+    return std::chrono::sys_days(date).time_since_epoch().count() * kSecondsPerDay;
 }
 
 std::string record_root(const char *path) { return std::string(path) + "/" + kRecordFolder + "/"; }

@@ -237,7 +237,7 @@ kelm_avi_reader::Look kelm_avi_reader::look(Filter *filter, int64_t *current_siz
     for (;;) {
         *current_size = 0;
         if (!fast_find_node() || m_data_buf_len < kRecordHead) return Look::need_data;
-        FrameRecHead head;
+        FrameRecHead head{};
         std::memcpy(&head, span_begin(), sizeof(head));
         if (!kelm_avi::is_frame_head(head)) {
             std::printf(" =============== invalid frame head =======================\n");
