@@ -45,7 +45,7 @@ int32_t CRecDevMngr::CreateDev(int32_t *dev_idx, const char *name) {
         LOG_TRACE();
         return KELM_AVIFILE_NO_SLOT;
     }
-    m_devices[static_cast<size_t>(number)].Build().SetDevInfo(static_cast<uint32_t>(number), name);
+    m_devices.Build(static_cast<size_t>(number)).SetDevInfo(static_cast<uint32_t>(number), name);
     m_ids.SetHandleBusy(number);
     *dev_idx = number;
     return KELM_AVIFILE_OK;
@@ -60,7 +60,7 @@ int32_t CRecDevMngr::Find(uint32_t dev_idx, CStorageChMngr **device) {
         LOG_TRACE();
         return KELM_AVIFILE_NOT_RUNNING;
     }
-    *device = m_devices[dev_idx].Get();
+    *device = m_devices.Get(dev_idx);
     return KELM_AVIFILE_OK;
 }
 
@@ -86,7 +86,7 @@ int32_t CRecDevMngr::GetDevName(uint32_t dev_idx, char *name, uint32_t size) {
     }
     if (!IsRegistered(dev_idx)) return KELM_AVIFILE_NOT_RUNNING;
     char text[CDevName::kSize];
-    m_devices[dev_idx].Get()->GetDevName().Get(text);
+    m_devices.Get(dev_idx)->GetDevName().Get(text);
     if (size > 0) std::memcpy(name, text, std::min<size_t>(size - 1, sizeof(text) - 1));
     return KELM_AVIFILE_OK;
 }
@@ -126,7 +126,7 @@ int32_t CRecDevMngr::SetRecFrame(uint32_t dev_idx, uint32_t channel, const Frame
 template <class Visit>
 void CRecDevMngr::for_each_device(Visit visit) {
     for (uint32_t dev_idx = 1; dev_idx < static_cast<uint32_t>(kSlots); ++dev_idx) {
-        if (IsRegistered(dev_idx)) visit(*m_devices[dev_idx].Get());
+        if (IsRegistered(dev_idx)) visit(*m_devices.Get(dev_idx));
     }
 }
 
@@ -141,7 +141,7 @@ int32_t CRecDevMngr::FindByPath(const char *path, uint32_t channel, CStorageChMn
         LOG_TRACE();
         return KELM_AVIFILE_BAD_ARGUMENT;
     }
-    *device = m_devices[dev_idx].Get();
+    *device = m_devices.Get(dev_idx);
     return KELM_AVIFILE_OK;
 }
 
@@ -176,7 +176,7 @@ bool CRecDevMngr::IsWriting(uint32_t dev_idx, int32_t channel, const char *path)
         LOG_TRACE();
         return false;
     }
-    return IsRegistered(dev_idx) && m_devices[dev_idx].Get()->IsWriting(channel, path);
+    return IsRegistered(dev_idx) && m_devices.Get(dev_idx)->IsWriting(channel, path);
 }
 
 int32_t CRecDevMngr::GetRecChanCnt() {

@@ -18,33 +18,37 @@
 
 namespace kelm_recvault {
 
-// The place of a device, which costs no memory until one is built in it. (A std::optional would do, but compilers write
-// zeros over all of its storage at the start, which for 255 devices are 130 MiB.)
-class CDeviceSlot {
+// The places of all devices, by value, which cost no memory until a device is built in one: the storage stays untouched, and
+// the pointers stand together. (An array of std::optional would do, but compilers write zeros over all of it at the start.)
+class CDeviceTable {
  public:
+    static constexpr size_t kSlots = KELM_AVIFILE_MAX_DEVICES + 1;  // number 0 is never handed out
+
     // Not "= default": that could be asked to write zeros.
-    CDeviceSlot() {}  // NOLINT(modernize-use-equals-default)
-    ~CDeviceSlot() {
-        if (m_device != nullptr) m_device->~CStorageChMngr();
+    CDeviceTable() {}  // NOLINT(modernize-use-equals-default)
+    ~CDeviceTable() {
+        for (CStorageChMngr *device : m_devices) {
+            if (device != nullptr) device->~CStorageChMngr();
+        }
     }
-    CDeviceSlot(const CDeviceSlot &) = delete;
-    CDeviceSlot &operator=(const CDeviceSlot &) = delete;
+    CDeviceTable(const CDeviceTable &) = delete;
+    CDeviceTable &operator=(const CDeviceTable &) = delete;
 
     // Builds the device if there is none.
-    CStorageChMngr &Build() {
-        if (m_device == nullptr) m_device = new (m_storage) CStorageChMngr;
-        return *m_device;
+    CStorageChMngr &Build(size_t slot) {
+        if (m_devices[slot] == nullptr) m_devices[slot] = new (m_storage[slot]) CStorageChMngr;
+        return *m_devices[slot];
     }
-    CStorageChMngr *Get() const { return m_device; }
+    CStorageChMngr *Get(size_t slot) const { return m_devices[slot]; }
 
  private:
-    alignas(CStorageChMngr) unsigned char m_storage[sizeof(CStorageChMngr)];
-    CStorageChMngr *m_device = nullptr;
+    std::array<CStorageChMngr *, kSlots> m_devices{};
+    alignas(CStorageChMngr) unsigned char m_storage[kSlots][sizeof(CStorageChMngr)];
 };
 
 class CRecDevMngr {
  public:
-    static constexpr int32_t kSlots = KELM_AVIFILE_MAX_DEVICES + 1;  // number 0 is never handed out
+    static constexpr int32_t kSlots = CDeviceTable::kSlots;
 
     int32_t Initialize();
     int32_t Destroy();
@@ -86,7 +90,7 @@ class CRecDevMngr {
     template <class Visit>
     void for_each_device(Visit visit);
 
-    std::array<CDeviceSlot, kSlots> m_devices;  // one is built once, before its number is first busy, and stays
+    CDeviceTable m_devices;  // one is built once, before its number is first busy, and stays
     CIdDispather m_ids;
     CMutex m_create_lock{LockRank::device_table};
     CThread<CRecDevMngr> m_thread;  // the sweep
