@@ -55,7 +55,8 @@ constexpr uint32_t kExportSeconds = 30;
 
 constexpr uint64_t kFileHeadBytes = 77824, kRecordHeadBytes = 64, kSideEntryBytes = 40;
 constexpr uint64_t kMaxWaitingRecords = 350;  // the ring of the index takes 500, and a further second brings 50
-constexpr uint64_t kMaxWaitingBytes = 512 << 10;
+// Small enough for the ring of 500 side records too: the records of these clips have some 500 bytes.
+constexpr uint64_t kMaxWaitingBytes = 96 << 10;
 constexpr auto kDiskPatience = std::chrono::seconds(30);
 
 void check(int32_t result, const char *what) {
