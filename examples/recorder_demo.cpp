@@ -54,8 +54,9 @@ constexpr double kShareBeforeMidnight = 0.6;
 constexpr uint32_t kExportSeconds = 30;
 
 constexpr uint64_t kFileHeadBytes = 77824, kRecordHeadBytes = 64, kSideEntryBytes = 40;
-constexpr uint64_t kMaxWaitingRecords = 350;  // the ring of the index takes 500, and a further second brings 50
-// Small enough for the ring of 500 side records too: the records of these clips have some 500 bytes.
+// The ring of side records takes 500. Those that are in the side file already may still stand in it, and a further second
+// brings 50: twice the sum has to fit.
+constexpr uint64_t kMaxWaitingRecords = 180;
 constexpr uint64_t kMaxWaitingBytes = 96 << 10;
 constexpr auto kDiskPatience = std::chrono::seconds(30);
 
