@@ -176,6 +176,7 @@ int32_t CStorageMngr::AddOrChange(const RecPartitionInfo &info, int32_t *added) 
     const CDiskPin known(this, GetDiskIdxByPath(info.path));
     if (known) {
         known->SetConfig(config);
+        NoteSetChanged();
         return KELM_AVIFILE_OK;
     }
     return AddNewPartition(info, config, added);
@@ -197,6 +198,7 @@ int32_t CStorageMngr::AddNewPartition(const RecPartitionInfo &info, const DiskCo
         return result;
     }
     m_DiskIds.SetHandleBusy(slot);
+    NoteSetChanged();
     *added = slot;
     return KELM_AVIFILE_OK;
 }
@@ -208,6 +210,7 @@ int32_t CStorageMngr::DelRecPartition(const char *path) {
         return KELM_AVIFILE_FAILED;
     }
     CDisk &disk = m_aDisk[static_cast<size_t>(slot)];
+    NoteSetChanged();
     if (GetCurDisk() == slot) SelectCurDisk(false);
     while (IsPinned(slot)) {
         if (ask_recording::GetCurRecFileSize(slot) > 0) ask_recording::SwitchAllRecFile();
@@ -291,12 +294,27 @@ int32_t CStorageMngr::FindBestDisk() {
 void CStorageMngr::SelectCurDisk(bool switch_files) {
     const bool old_existed = IsCurDiskExist();
     const int32_t old = GetCurDisk();
-    int32_t best = FindBestDisk();
-    if (old >= 0 && old == best) return;
-    SetCurDisk(best);
-    // The one that was found may have been removed before it was set.
-    while (best != kNoDisk && !m_DiskIds.IsHandleBusy(best)) SetCurDisk(best = FindBestDisk());
+    // A choice that was made while a partition came or went is made again: it would undo the other thread's.
+    for (;;) {
+        const uint32_t version = GetSetVersion();
+        const int32_t best = FindBestDisk();
+        if (old >= 0 && old == best) return;
+        const CAutoMutex lock(&m_mtxCurDisk);
+        if (version != m_set_version) continue;
+        m_nCurDisk = best;
+        break;
+    }
     if (old_existed && switch_files) ask_recording::SwitchAllRecFile();
+}
+
+uint32_t CStorageMngr::GetSetVersion() {
+    const CAutoMutex lock(&m_mtxCurDisk);
+    return m_set_version;
+}
+
+void CStorageMngr::NoteSetChanged() {
+    const CAutoMutex lock(&m_mtxCurDisk);
+    ++m_set_version;
 }
 
 // ---- Files ----

@@ -91,6 +91,8 @@ class CStorageMngr {
     int32_t GetCurDisk();
     void SetCurDisk(int32_t slot);
     bool IsCurDiskExist();
+    uint32_t GetSetVersion();
+    void NoteSetChanged();
     void Hold(int32_t slot, int32_t holds);
     // Chooses the partition for new files: the highest priority above 0 that is not full, the lowest slot among equals.
     void SelectCurDisk(bool switch_files);
@@ -121,6 +123,7 @@ class CStorageMngr {
 
     CMutex m_mtxCurDisk{LockRank::current_disk};
     int32_t m_nCurDisk RCVT_GUARDED_BY(m_mtxCurDisk) = kNoDisk;
+    uint32_t m_set_version RCVT_GUARDED_BY(m_mtxCurDisk) = 0;  // changes with the set of partitions and their numbers
 
     CMutex m_mtxCallback{LockRank::disk_full_callback};
     DiskGroupFullCallback m_callback RCVT_GUARDED_BY(m_mtxCallback) = nullptr;
