@@ -9,6 +9,7 @@ seconds=${1:-60}
 scripts/install-deps.sh test
 cmake --preset fuzz
 cmake --build --preset fuzz
+trap 'rm -rf /dev/shm/recvault-fuzz-*' EXIT
 mkdir -p build/fuzz/logs
 
 run() { # target
