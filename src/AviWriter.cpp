@@ -18,7 +18,6 @@ constexpr int64_t kIdleSeconds = 1800;
 constexpr int32_t kFrameCost = 52;      // what a frame is reckoned at beside its data
 constexpr uint32_t kAudioStep = 40000;  // microseconds between the audio frames of one delivery
 constexpr size_t kManyWaitingFiles = 10;
-constexpr int32_t kHoldsOfAFile = 2;  // on its partition
 
 FrameHead timed(const FrameHead &head, uint32_t sec, uint32_t usec) {
     FrameHead copy = head;

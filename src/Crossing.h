@@ -18,6 +18,9 @@ struct RecFileName {
     int32_t max_file_size = 0x40000000;  // bytes, 1 GiB if storage gives no other
 };
 
+// What a name holds of its partition, see GetRecFileName.
+constexpr int32_t kHoldsOfAFile = 2;
+
 // Asked by recording.
 namespace ask_storage {
 

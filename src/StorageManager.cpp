@@ -349,7 +349,7 @@ int32_t CStorageMngr::GetRecFileName(uint32_t dev_idx, int32_t channel, uint32_t
     copy_text(name->path, path.c_str());
     name->disk_idx = slot;
     name->max_file_size = static_cast<int32_t>(disk->GetMaxRecFileSize());
-    Hold(slot, 2);
+    Hold(slot, kHoldsOfAFile);
     return KELM_AVIFILE_OK;
 }
 

@@ -59,7 +59,6 @@ class File {
 bool path_exists(const char *path);
 // There is certainly nothing at the path: not that it could only not be looked at.
 bool path_is_gone(const char *path);
-bool is_directory(const char *path);
 bool make_directory(const char *path);
 bool remove_directory(const char *path);
 bool remove_file(const char *path);

@@ -195,11 +195,6 @@ bool path_exists(const char *path) { return access(path, F_OK) == 0; }
 
 bool path_is_gone(const char *path) { return access(path, F_OK) != 0 && (errno == ENOENT || errno == ENOTDIR); }
 
-bool is_directory(const char *path) {
-    struct stat info {};
-    return stat(path, &info) == 0 && S_ISDIR(info.st_mode);
-}
-
 bool make_directory(const char *path) { return mkdir(path, kFolderMode) == 0; }
 
 bool remove_directory(const char *path) { return rmdir(path) == 0; }
