@@ -381,13 +381,13 @@ int32_t CAviWriter::SwitchRecFileByName(const char *path) { return IsWriting(pat
 // ---- Questions ----
 
 bool CAviWriter::IsWriting(const char *path) {
-    if (!IsStarted()) return false;
+    if (!MayHaveFile()) return false;
     const CAutoMutex lock(&m_lock);
     return is_open_file(path);
 }
 
 int32_t CAviWriter::GetRecInfo(const char *path, uint32_t *type, int64_t *begin_sec, int64_t *end_sec) {
-    if (IsStarted()) {
+    if (MayHaveFile()) {
         const CAutoMutex lock(&m_lock);
         if (is_open_file(path)) return m_writer->get_recinfo(type, begin_sec, end_sec);
     }
@@ -395,7 +395,7 @@ int32_t CAviWriter::GetRecInfo(const char *path, uint32_t *type, int64_t *begin_
 }
 
 int32_t CAviWriter::GetRecSegInfo(const char *path, RecSegEntry *entries, int32_t *count) {
-    if (IsStarted()) {
+    if (MayHaveFile()) {
         const CAutoMutex lock(&m_lock);
         if (is_open_file(path)) return m_writer->get_recseg_info(entries, count);
     }
@@ -404,7 +404,7 @@ int32_t CAviWriter::GetRecSegInfo(const char *path, RecSegEntry *entries, int32_
 
 int32_t CAviWriter::GetRecDataSize(const char *path, int64_t begin, int64_t end, uint32_t mask, int32_t *size) {
     *size = 0;
-    if (IsStarted()) {
+    if (MayHaveFile()) {
         const CAutoMutex lock(&m_lock);
         if (is_open_file(path)) {
             *size = m_writer->get_data_size(begin, end, mask);
@@ -415,7 +415,7 @@ int32_t CAviWriter::GetRecDataSize(const char *path, int64_t begin, int64_t end,
 }
 
 bool CAviWriter::IsRecording() {
-    if (!IsStarted()) return false;
+    if (!MayHaveFile()) return false;
     const CAutoMutex lock(&m_lock);
     return m_writer != nullptr;
 }

@@ -89,6 +89,11 @@ class CAviWriter {
     };
 
     bool IsStarted() const { return m_state == State::started; }
+    // A recorder that is being stopped has its file until that has been closed.
+    bool MayHaveFile() const {
+        const State state = m_state;
+        return state == State::started || state == State::stopping;
+    }
     int32_t StartParts(uint32_t rec_type_mask);
     void StopParts();
     int32_t StartAssistThrd();
