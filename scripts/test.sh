@@ -56,7 +56,12 @@ check_format() {
 check_tidy() { find src -name '*.cpp' -print0 | xargs -0 -n 1 -P 2 clang-tidy-14 --quiet -p build/clang; }
 configure() { cmake --preset "$1"; }
 build() { cmake --build --preset "$@"; }
-run_tests() { ctest --preset "$1"; }
+# Under the sanitizers everything runs against everything else for a minute.
+run_tests() {
+    local seconds=60
+    [[ $1 == release ]] && seconds=3
+    RECVAULT_STRESS_SECONDS=$seconds ctest --preset "$1"
+}
 
 build_and_test() { # preset
     step "$1 configure" configure "$1"

@@ -4,8 +4,10 @@
 
 #include <chrono>
 
+#include "DataPopManager.h"
 #include "Log.h"
 #include "RecDevManager.h"
+#include "RecFileQueryManager.h"
 #include "SaveAsManager.h"
 #include "StorageManager.h"
 #include "platform/clock.h"
@@ -17,6 +19,8 @@ struct CGlobalObject::Managers {
     CRecDevMngr rec_dev;
     CStorageMngr storage;
     CAviSaveAsMngr save_as;
+    CRecFileQueryMngr file_queries;
+    CDataPopMngr data_pops;
 };
 
 CGlobalObject &CGlobalObject::Instance() {
@@ -29,6 +33,8 @@ CGlobalObject::~CGlobalObject() { Destroy(); }
 
 CRecDevMngr &CGlobalObject::RecDevMngr() { return m_managers.rec_dev; }
 CStorageMngr &CGlobalObject::StorageMngr() { return m_managers.storage; }
+CDataPopMngr &CGlobalObject::DataPopMngr() { return m_managers.data_pops; }
+CRecFileQueryMngr &CGlobalObject::RecFileQueryMngr() { return m_managers.file_queries; }
 CAviSaveAsMngr &CGlobalObject::AviSaveAsMngr() { return m_managers.save_as; }
 
 int32_t CGlobalObject::Initialize() {
@@ -39,18 +45,22 @@ int32_t CGlobalObject::Initialize() {
     m_bias_minutes = bias;
     m_managers.rec_dev.Initialize();
     m_managers.storage.Initialize();
+    m_managers.data_pops.Initialize();
     m_managers.save_as.Initialize();
+    m_managers.file_queries.Initialize();
     m_state = State::initialised;
     return KELM_AVIFILE_OK;
 }
 
-// Recording ends before storage: a recorder still reports its last file.
+// Playback ends before what it asks, and recording before storage: a recorder still reports its last file.
 int32_t CGlobalObject::Destroy() {
     State initialised = State::initialised;
     if (!m_state.compare_exchange_strong(initialised, State::ending)) return KELM_AVIFILE_NOT_INITIALIZED;
+    m_managers.data_pops.Destroy();
     m_managers.rec_dev.Destroy();
     m_managers.storage.Destroy();
     m_managers.save_as.Destroy();
+    m_managers.file_queries.Destroy();
     m_state = State::off;
     return KELM_AVIFILE_OK;
 }

@@ -14,6 +14,8 @@ namespace kelm_recvault {
 class CRecDevMngr;
 class CStorageMngr;
 class CAviSaveAsMngr;
+class CDataPopMngr;
+class CRecFileQueryMngr;
 
 struct DateTimeFields {
     uint16_t year;   // full year
@@ -43,7 +45,9 @@ class CGlobalObject {
 
     CRecDevMngr &RecDevMngr();
     CStorageMngr &StorageMngr();
+    CDataPopMngr &DataPopMngr();
     CAviSaveAsMngr &AviSaveAsMngr();
+    CRecFileQueryMngr &RecFileQueryMngr();
 
     // The time base. A time is a number of seconds whose broken-down form, taken as UTC, shows the local wall clock: true
     // time less the bias that was in force at Initialize.

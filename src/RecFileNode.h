@@ -1,6 +1,7 @@
 // One record file, as recording hands it in and as queries hand it out.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <set>
 
@@ -24,5 +25,9 @@ using RecFileSet = std::multiset<RecFileNode>;
 constexpr uint32_t kAllRecTypes = 0x7F;
 
 constexpr int64_t kSecondsPerDay = 86400;
+// The end of all time. What an application gives beyond it, in either direction, is taken for it, so that days and seconds
+// can be added.
+constexpr int64_t kLastTime = INT64_C(1) << 40;
+inline int64_t bounded_time(int64_t time) { return std::clamp(time, -kLastTime, kLastTime); }
 
 }  // namespace kelm_recvault

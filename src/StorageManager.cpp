@@ -398,7 +398,8 @@ void CStorageMngr::for_each_disk(Visit visit) {
 
 int32_t CStorageMngr::QueryRecFile(const RecQuery &query, int64_t begin_sec, int64_t end_sec, bool all_disks,
                                    RecFileSet *files) {
-    begin_sec = std::max<int64_t>(begin_sec, 0);
+    begin_sec = std::max<int64_t>(bounded_time(begin_sec), 0);
+    end_sec = bounded_time(end_sec);
     if (end_sec == 0) end_sec = begin_sec - begin_sec % kSecondsPerDay + kSecondsPerDay - 1;
     for_each_disk([&](CDisk &disk) {
         if (all_disks || disk.CanRecycle()) disk.QueryRecFile(query, begin_sec, end_sec, files);

@@ -5,11 +5,14 @@
 #include <cstring>
 #include <new>
 
+#include "DataPopManager.h"
 #include "FileManager.h"
 #include "GlobalObj.h"
 #include "Log.h"
 #include "RecDevManager.h"
 #include "RecFileNode.h"
+#include "RecFileQueryManager.h"
+#include "RecSegManager.h"
 #include "RecType.h"
 #include "SaveAsManager.h"
 #include "StorageManager.h"
@@ -31,6 +34,9 @@ bool is_channel(uint32_t channel) { return channel < KELM_AVIFILE_MAX_CHANNELS; 
 bool is_channel_or_all(uint32_t channel) { return channel == KELM_AVIFILE_ALL_CHANNELS || is_channel(channel); }
 bool is_rec_type(int64_t type) { return type >= 1 && type <= kMaxRecType; }
 bool is_handle(uint32_t handle, uint32_t last) { return handle >= 1 && handle <= last; }
+// The index in its table that a handle, or all channels or one, stands for.
+int32_t to_index(uint32_t handle) { return static_cast<int32_t>(handle) - 1; }
+int32_t to_channel(uint32_t channel) { return static_cast<int32_t>(channel); }  // kAllChannels, -1, for all
 bool is_text(const char *text) { return text != nullptr && text[0] != '\0'; }
 
 // `begin` is not above `end`.
@@ -86,6 +92,8 @@ int32_t traced(const LogPlace &place, int32_t result) {
         const int32_t checked_ = check_device(RCVT_HERE, (dev_idx)); \
         if (checked_ != KELM_AVIFILE_OK) return checked_;            \
     } while (false)
+
+#define REQUIRE_HANDLE(handle) REFUSE_IF(!is_handle(handle, kMaxHandles), KELM_AVIFILE_BAD_HANDLE)
 
 #define CATCH_NO_MEMORY                \
     catch (const std::bad_alloc &) {   \
@@ -184,100 +192,108 @@ CATCH_NO_MEMORY
 
 // ---- Playback ----
 
-// What the engines of playback and of queries will fill in is left alone until they are there.
-// NOLINTBEGIN(readability-non-const-parameter)
-
 int32_t KELM_AviFile_DataPopCreate(uint32_t *pHandle, uint32_t nChannel, int64_t begin, int64_t end,
-                                   DataPopCallback callback, int32_t, uint32_t, int32_t nDevIdx, uint32_t) try {
+                                   DataPopCallback callback, int32_t nMode, uint32_t dwUser, int32_t nDevIdx,
+                                   uint32_t bSync) try {
     REQUIRE_INIT();
     REFUSE_IF(pHandle == nullptr, KELM_AVIFILE_BAD_ARGUMENT);
     REFUSE_IF(!is_channel_or_all(nChannel) || (begin > end && end != 0) || callback == nullptr, KELM_AVIFILE_BAD_ARGUMENT);
     REFUSE_IF(end != 0 && is_too_long(begin, end), KELM_AVIFILE_BAD_ARGUMENT);
     REQUIRE_DEVICE(nDevIdx);
-    return traced(RCVT_HERE, KELM_AVIFILE_FAILED);
+    const PopRange range{static_cast<uint32_t>(nDevIdx), begin, end, 0, nMode == 1 || end == 0};
+    int32_t index = 0;
+    const int32_t result =
+        library().DataPopMngr().DataPopCreate(&index, range, to_channel(nChannel), callback, dwUser, bSync != 0);
+    REFUSE_IF(result != KELM_AVIFILE_OK, result);
+    *pHandle = static_cast<uint32_t>(index) + 1;
+    return KELM_AVIFILE_OK;
 }
 CATCH_NO_MEMORY
 
 int32_t KELM_AviFile_DataPopRelease(uint32_t handle) try {
     REQUIRE_INIT();
-    REFUSE_IF(!is_handle(handle, kMaxHandles), KELM_AVIFILE_BAD_HANDLE);
-    return traced(RCVT_HERE, KELM_AVIFILE_FAILED);
+    REQUIRE_HANDLE(handle);
+    return traced(RCVT_HERE, library().DataPopMngr().DataPopRelease(to_index(handle)));
 }
 CATCH_NO_MEMORY
 
 int32_t KELM_AviFile_DataPopChanAdd(uint32_t handle, uint32_t nChannel) try {
     REQUIRE_INIT();
     REFUSE_IF(!is_channel(nChannel), KELM_AVIFILE_BAD_ARGUMENT);
-    REFUSE_IF(!is_handle(handle, kMaxHandles), KELM_AVIFILE_BAD_HANDLE);
-    return traced(RCVT_HERE, KELM_AVIFILE_FAILED);
+    REQUIRE_HANDLE(handle);
+    return traced(RCVT_HERE, library().DataPopMngr().DataPopChanAdd(to_index(handle), to_channel(nChannel)));
 }
 CATCH_NO_MEMORY
 
 int32_t KELM_AviFile_DataPopChanDel(uint32_t handle, uint32_t nChannel) try {
     REQUIRE_INIT();
     REFUSE_IF(!is_channel(nChannel), KELM_AVIFILE_BAD_ARGUMENT);
-    REFUSE_IF(!is_handle(handle, kMaxHandles), KELM_AVIFILE_BAD_HANDLE);
-    return traced(RCVT_HERE, KELM_AVIFILE_FAILED);
+    REQUIRE_HANDLE(handle);
+    return traced(RCVT_HERE, library().DataPopMngr().DataPopChanDel(to_index(handle), to_channel(nChannel)));
 }
 CATCH_NO_MEMORY
 
 int32_t KELM_AviFile_DataPopRecTypeAdd(uint32_t handle, uint32_t nRecType) try {
     REQUIRE_INIT();
     REFUSE_IF(!is_rec_type(nRecType), KELM_AVIFILE_BAD_ARGUMENT);
-    REFUSE_IF(!is_handle(handle, kMaxHandles), KELM_AVIFILE_BAD_HANDLE);
-    return traced(RCVT_HERE, KELM_AVIFILE_FAILED);
+    REQUIRE_HANDLE(handle);
+    return traced(RCVT_HERE, library().DataPopMngr().DataPopRecTypeAdd(to_index(handle),
+                                                                       rectype_to_mask(static_cast<int32_t>(nRecType))));
 }
 CATCH_NO_MEMORY
 
 int32_t KELM_AviFile_DataPopRecTypeDel(uint32_t handle, uint32_t nRecType) try {
     REQUIRE_INIT();
     REFUSE_IF(!is_rec_type(nRecType), KELM_AVIFILE_BAD_ARGUMENT);
-    REFUSE_IF(!is_handle(handle, kMaxHandles), KELM_AVIFILE_BAD_HANDLE);
-    return traced(RCVT_HERE, KELM_AVIFILE_FAILED);
+    REQUIRE_HANDLE(handle);
+    return traced(RCVT_HERE, library().DataPopMngr().DataPopRecTypeDel(to_index(handle),
+                                                                       rectype_to_mask(static_cast<int32_t>(nRecType))));
 }
 CATCH_NO_MEMORY
 
 int32_t KELM_AviFile_DataPopStart(uint32_t handle) try {
     REQUIRE_INIT();
-    REFUSE_IF(!is_handle(handle, kMaxHandles), KELM_AVIFILE_BAD_HANDLE);
-    return traced(RCVT_HERE, KELM_AVIFILE_FAILED);
+    REQUIRE_HANDLE(handle);
+    return traced(RCVT_HERE, library().DataPopMngr().DataPopStart(to_index(handle)));
 }
 CATCH_NO_MEMORY
 
 int32_t KELM_AviFile_DataPopStop(uint32_t handle) try {
     REQUIRE_INIT();
-    REFUSE_IF(!is_handle(handle, kMaxHandles), KELM_AVIFILE_BAD_HANDLE);
-    return traced(RCVT_HERE, KELM_AVIFILE_FAILED);
+    REQUIRE_HANDLE(handle);
+    traced(RCVT_HERE, library().DataPopMngr().DataPopStop(to_index(handle)));
+    return KELM_AVIFILE_OK;
 }
 CATCH_NO_MEMORY
 
-int32_t KELM_AviFile_DataPopTimeSeek(uint32_t handle, int64_t) try {
+int32_t KELM_AviFile_DataPopTimeSeek(uint32_t handle, int64_t time) try {
     REQUIRE_INIT();
-    REFUSE_IF(!is_handle(handle, kMaxHandles), KELM_AVIFILE_BAD_HANDLE);
-    return traced(RCVT_HERE, KELM_AVIFILE_FAILED);
+    REQUIRE_HANDLE(handle);
+    return traced(RCVT_HERE, library().DataPopMngr().DataPopTimeSeek(to_index(handle), time));
 }
 CATCH_NO_MEMORY
 
-int32_t KELM_AviFile_DataPopSetKeyFrame(uint32_t handle, uint32_t, uint32_t nKeySkip) try {
+int32_t KELM_AviFile_DataPopSetKeyFrame(uint32_t handle, uint32_t bKeyOnly, uint32_t nKeySkip) try {
     REQUIRE_INIT();
     REFUSE_IF(nKeySkip > kMaxKeySkip, KELM_AVIFILE_BAD_ARGUMENT);
-    REFUSE_IF(!is_handle(handle, kMaxHandles), KELM_AVIFILE_BAD_HANDLE);
-    return traced(RCVT_HERE, KELM_AVIFILE_FAILED);
+    REQUIRE_HANDLE(handle);
+    return traced(RCVT_HERE, library().DataPopMngr().DataPopSetKeyFrame(to_index(handle), bKeyOnly != 0,
+                                                                        static_cast<int32_t>(nKeySkip)));
 }
 CATCH_NO_MEMORY
 
 int32_t KELM_AviFile_DataPopGetDataSize(uint32_t handle, uint64_t *size) try {
     REQUIRE_INIT();
     REFUSE_IF(size == nullptr, KELM_AVIFILE_FAILED);
-    REFUSE_IF(!is_handle(handle, kMaxHandles), KELM_AVIFILE_BAD_HANDLE);
-    return traced(RCVT_HERE, KELM_AVIFILE_FAILED);
+    REQUIRE_HANDLE(handle);
+    return traced(RCVT_HERE, library().DataPopMngr().DataPopGetDataSize(to_index(handle), size));
 }
 CATCH_NO_MEMORY
 
-int32_t KELM_AviFile_DataPopSetDirect(uint32_t handle, uint32_t) try {
+int32_t KELM_AviFile_DataPopSetDirect(uint32_t handle, uint32_t nDirect) try {
     REQUIRE_INIT();
-    REFUSE_IF(!is_handle(handle, kMaxHandles), KELM_AVIFILE_BAD_HANDLE);
-    return traced(RCVT_HERE, KELM_AVIFILE_FAILED);
+    REQUIRE_HANDLE(handle);
+    return traced(RCVT_HERE, library().DataPopMngr().DataPopSetDirect(to_index(handle), nDirect != 0));
 }
 CATCH_NO_MEMORY
 
@@ -290,14 +306,21 @@ int32_t KELM_AviFile_GetRecSegList(uint32_t nChannel, int64_t begin, int64_t end
     REFUSE_IF(!is_rec_type(nRecType) || begin >= end || is_too_long(begin, end), KELM_AVIFILE_BAD_ARGUMENT);
     REFUSE_IF(head == nullptr || count == nullptr, KELM_AVIFILE_BAD_ARGUMENT);
     REQUIRE_DEVICE(nDevIdx);
-    return traced(RCVT_HERE, KELM_AVIFILE_FAILED);
+    const int32_t result = CRecSegMngr::GetRecSegList(static_cast<uint32_t>(nDevIdx), nChannel, begin, end,
+                                                      rectype_to_mask(nRecType), head, count);
+    REFUSE_IF(result != KELM_AVIFILE_OK, result);
+    for (RecSegNode *node = *head; node != nullptr; node = node->next) {
+        node->type = static_cast<uint32_t>(mask_to_rectype(node->type));
+    }
+    return KELM_AVIFILE_OK;
 }
 CATCH_NO_MEMORY
 
 int32_t KELM_AviFile_ReleaseRecSegList(RecSegNode *head) try {
     REQUIRE_INIT();
     REFUSE_IF(head == nullptr, KELM_AVIFILE_BAD_ARGUMENT);
-    return traced(RCVT_HERE, KELM_AVIFILE_FAILED);
+    CRecSegMngr::ReleaseRecSegList(head);
+    return KELM_AVIFILE_OK;
 }
 CATCH_NO_MEMORY
 
@@ -314,11 +337,15 @@ int32_t KELM_AviFile_JudgeIFHaveDataByDays(int64_t firstDay, uint32_t nDays, uin
 }
 CATCH_NO_MEMORY
 
-int32_t KELM_AviFile_QueryRecFilesStart(uint32_t *pHandle, uint32_t nChannel, int64_t, int32_t nDevIdx) try {
+int32_t KELM_AviFile_QueryRecFilesStart(uint32_t *pHandle, uint32_t nChannel, int64_t day, int32_t nDevIdx) try {
     REQUIRE_INIT();
     REFUSE_IF(pHandle == nullptr || !is_channel_or_all(nChannel), KELM_AVIFILE_BAD_ARGUMENT);
     REQUIRE_DEVICE(nDevIdx);
-    return traced(RCVT_HERE, KELM_AVIFILE_FAILED);
+    int32_t index = 0;
+    const int32_t result = library().RecFileQueryMngr().QueryRecFilesStart(&index, nDevIdx, to_channel(nChannel), day);
+    REFUSE_IF(result != KELM_AVIFILE_OK, result);
+    *pHandle = static_cast<uint32_t>(index) + 1;
+    return KELM_AVIFILE_OK;
 }
 CATCH_NO_MEMORY
 
@@ -326,24 +353,22 @@ int32_t KELM_AviFile_GetNextRecFile(uint32_t handle, RecFileInfo *info) try {
     REQUIRE_INIT();
     REFUSE_IF(info == nullptr, KELM_AVIFILE_BAD_ARGUMENT);
     REFUSE_IF(!is_handle(handle, kMaxQueryHandles), KELM_AVIFILE_BAD_HANDLE);
-    return traced(RCVT_HERE, KELM_AVIFILE_FAILED);
+    return traced(RCVT_HERE, library().RecFileQueryMngr().GetNextRecFile(to_index(handle), info));
 }
 CATCH_NO_MEMORY
 
 int32_t KELM_AviFile_QueryRecFilesStop(uint32_t handle) try {
     REQUIRE_INIT();
     REFUSE_IF(!is_handle(handle, kMaxQueryHandles), KELM_AVIFILE_BAD_HANDLE);
-    return traced(RCVT_HERE, KELM_AVIFILE_FAILED);
+    return traced(RCVT_HERE, library().RecFileQueryMngr().QueryRecFilesStop(to_index(handle)));
 }
 CATCH_NO_MEMORY
 
-// NOLINTEND(readability-non-const-parameter)
-
-int32_t KELM_AviFile_DelAviFiles(uint32_t nChannel, int64_t, int32_t nDevIdx) try {
+int32_t KELM_AviFile_DelAviFiles(uint32_t nChannel, int64_t day, int32_t nDevIdx) try {
     REQUIRE_INIT();
     REFUSE_IF(!is_channel_or_all(nChannel), KELM_AVIFILE_BAD_ARGUMENT);
     REQUIRE_DEVICE(nDevIdx);
-    return traced(RCVT_HERE, KELM_AVIFILE_FAILED);
+    return traced(RCVT_HERE, library().RecFileQueryMngr().DelAviFiles(nDevIdx, to_channel(nChannel), day));
 }
 CATCH_NO_MEMORY
 
@@ -387,14 +412,14 @@ int32_t KELM_AviFile_SaveInput(uint32_t handle, const FrameHead *pHead, int32_t 
                                uint32_t dwDataLen) try {
     REQUIRE_INIT();
     REFUSE_IF(!is_frame_argument(pHead, nHeadLen, pData, dwDataLen), KELM_AVIFILE_BAD_ARGUMENT);
-    REFUSE_IF(!is_handle(handle, kMaxHandles), KELM_AVIFILE_BAD_HANDLE);
+    REQUIRE_HANDLE(handle);
     return traced(RCVT_HERE, library().AviSaveAsMngr().SetRecFrame(handle - 1, *pHead, pData, dwDataLen));
 }
 CATCH_NO_MEMORY
 
 int32_t KELM_AviFile_SaveStop(uint32_t handle) try {
     REQUIRE_INIT();
-    REFUSE_IF(!is_handle(handle, kMaxHandles), KELM_AVIFILE_BAD_HANDLE);
+    REQUIRE_HANDLE(handle);
     return traced(RCVT_HERE, library().AviSaveAsMngr().StopRec(handle - 1));
 }
 CATCH_NO_MEMORY

@@ -3,7 +3,7 @@
 
 #include "GlobalObj.h"
 #include "StorageManager.h"
-#include "support.h"
+#include "player.h"
 
 using namespace recvault_tests;
 
@@ -327,25 +327,39 @@ TEST_F(RecordingTest, SurvivesEverythingAtOnce) {
     for (const auto &path : files) StoredFile(path).ExpectComplete();
 }
 
-// Recording, the scan, queries, days, the sweep, ageing and deletion against each other.
+// Recording, playback, seeks, the scan, queries, days, the sweep, ageing and deletion against each other, for as many
+// seconds as the environment says.
 TEST_F(RecordingTest, KeepsItsStoreWhileEverybodyAsks) {
+    const char *const wanted = std::getenv("RECVAULT_STRESS_SECONDS");
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(wanted != nullptr ? std::atoi(wanted) : 3);
     const TempDir second;
     for (uint32_t channel = 0; channel < 16; ++channel) ASSERT_EQ(KELM_AviFile_RecStart(channel, 1, device), 0);
     std::atomic<bool> done{false};
+    std::atomic<size_t> frames_played{0};
+    std::atomic<uint32_t> newest{0};  // second that was recorded
     std::vector<std::thread> others;
     others.emplace_back([&] {
         while (!done) {
             uint32_t days = 0;
             EXPECT_EQ(KELM_AviFile_JudgeIFHaveDataByDays(kTenOClock, 3, &days, device), 0);
-            kelm_recvault::RecFileSet files;
-            kelm_recvault::CGlobalObject::Instance().StorageMngr().QueryRecFile(
-                {1, kelm_recvault::kAllChannels, kelm_recvault::kAllRecTypes, true}, kTenOClock, 0, true, &files);
+            RecSegNode *list = nullptr;
+            int32_t count = 0;
+            KELM_AviFile_GetRecSegList(3, kTenOClock, kTenOClock + 1000, 8, &list, &count, device);
+            KELM_AviFile_ReleaseRecSegList(list);
+            uint32_t walk = 0;
+            KELM_AviFile_QueryRecFilesStart(&walk, KELM_AVIFILE_ALL_CHANNELS, kTenOClock, device);
+            for (RecFileInfo file; KELM_AviFile_GetNextRecFile(walk, &file) == 0;) {
+            }
+            KELM_AviFile_QueryRecFilesStop(walk);
+            KELM_AviFile_DelAviFiles(5, kTenOClock, device);
         }
     });
     others.emplace_back([&] {
         while (!done) {
             AddPartition(second.path(), 100ULL << 30, 2);
+            for (const uint32_t seen = newest; newest < seen + 30 && !done;) std::this_thread::yield();
             KELM_AviFile_DelRecPartition(second.path().c_str());
+            for (const uint32_t seen = newest; newest < seen + 30 && !done;) std::this_thread::yield();
         }
     });
     others.emplace_back([&] {
@@ -354,16 +368,41 @@ TEST_F(RecordingTest, KeepsItsStoreWhileEverybodyAsks) {
             std::this_thread::yield();
         }
     });
-    for (uint32_t i = 0; i < 200; ++i) {
+    for (const bool sync : {false, true}) {
+        others.emplace_back([&, sync] {
+            for (uint32_t i = 0; !done; ++i) {
+                const int64_t begin = kTenOClock + newest - std::min(newest.load(), i * 37 % 100);
+                Player player(device, i % 16, begin, i % 3 == 0 ? 0 : begin + 1000, sync);
+                for (uint32_t channel = 1; channel < 4; ++channel) KELM_AviFile_DataPopChanAdd(player.handle, channel * 3);
+                KELM_AviFile_DataPopStart(player.handle);
+                for (uint32_t step = 0; step < 5 && !done; ++step) {
+                    const size_t before = player.Count();
+                    KELM_AviFile_DataPopTimeSeek(player.handle, begin + (step * 7 + i) % 50);
+                    uint64_t size = 0;
+                    KELM_AviFile_DataPopGetDataSize(player.handle, &size);
+                    KELM_AviFile_DataPopSetKeyFrame(player.handle, step % 2, step % 3);
+                    const auto patience = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
+                    while (player.Count() < before + 20 && std::chrono::steady_clock::now() < patience && !done) {
+                        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                    }
+                    if (step == 2) KELM_AviFile_DataPopStop(player.handle);
+                    if (step == 3) KELM_AviFile_DataPopStart(player.handle);
+                }
+                frames_played += player.Count();
+            }
+        });
+    }
+    for (uint32_t i = 0; std::chrono::steady_clock::now() < until; newest = i++) {
         for (uint32_t channel = 0; channel < 16; ++channel) {
             Frame frame = make_frame(i % 5 == 0 ? kKey : kInter, i, kTenOClock + i, 0, 2000);
-            frame.head.width = static_cast<uint16_t>(i / 10 + 1);
+            frame.head.width = static_cast<uint16_t>(i / 100 + 1);
             Deliver(frame, channel);
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     done = true;
     for (auto &other : others) other.join();
+    std::cout << frames_played << " frames were played\n";
     for (uint32_t channel = 0; channel < 16; ++channel) KELM_AviFile_RecStop(channel, device);
     uint64_t recorded = 0;
     for (const auto &path : find_files(store.path(), "rec_index.bin")) {

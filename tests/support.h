@@ -180,13 +180,13 @@ inline std::vector<StoredRecord> read_index(const std::string &path) {
     return records;
 }
 
-// Full paths below a folder whose names end in `ending`, sorted.
+// Full paths below a folder whose names end in `ending`, sorted. Folders may vanish meanwhile.
 inline std::vector<std::string> find_files(const std::string &folder, const std::string &ending) {
     std::vector<std::string> found;
-    if (!fs::exists(folder)) return found;
-    for (const auto &entry : fs::recursive_directory_iterator(folder)) {
-        const std::string path = entry.path().string();
-        if (entry.is_regular_file() && path.ends_with(ending)) found.push_back(path);
+    std::error_code error;
+    for (fs::recursive_directory_iterator entry(folder, error), end; entry != end && !error; entry.increment(error)) {
+        const std::string path = entry->path().string();
+        if (path.ends_with(ending) && entry->is_regular_file(error)) found.push_back(path);
     }
     std::sort(found.begin(), found.end());
     return found;

@@ -36,8 +36,6 @@ bool is_key_entry(const Idx1Entry &entry) { return entry.chunk_id == kFccVideoCh
 
 }  // namespace
 
-kelm_avi_reader::kelm_avi_reader() : m_recseg_strn(new RecSegStrn{}) {}
-
 kelm_avi_reader::~kelm_avi_reader() { close_file(); }
 
 // ---- Opening ----
@@ -48,6 +46,7 @@ int32_t kelm_avi_reader::open_file(const char *path, uint8_t *buffer) {
         return KELM_AVIFILE_BAD_ARGUMENT;
     }
     close_file();
+    if (!m_recseg_strn) m_recseg_strn = std::make_unique<RecSegStrn>();
     if (!m_head_stream.Open(path, platform::OpenMode::read, kSearchBuffer)) {
         LOG_TRACE();
         return KELM_AVIFILE_FAILED;
@@ -78,7 +77,7 @@ int32_t kelm_avi_reader::close_file() {
     m_idx_path.clear();
     m_file_size = m_first_pos = m_movi_end_pos = m_idx1_pos = m_idx1_cnt = 0;
     m_index_kind = IndexKind::none;
-    *m_recseg_strn = RecSegStrn{};
+    if (m_recseg_strn) *m_recseg_strn = RecSegStrn{};
     m_data_buf = nullptr;
     m_data_buf_len = m_data_end = 0;
     m_seek_done = m_end_told = false;
@@ -534,10 +533,12 @@ int64_t kelm_avi_reader::find_last_before(int64_t t) {
 // ---- Tables ----
 
 int32_t kelm_avi_reader::get_recseg_info(RecSegEntry *entries, int32_t *count) const {
+    if (!m_recseg_strn) return KELM_AVIFILE_FAILED;
     return kelm_avi::copy_recseg_info(*m_recseg_strn, entries, count);
 }
 
 int32_t kelm_avi_reader::get_data_size(int64_t begin, int64_t end, uint32_t rec_type) const {
+    if (!m_recseg_strn) return 0;
     return kelm_avi::sum_data_size(*m_recseg_strn, begin, end, rec_type);
 }
 

@@ -31,7 +31,7 @@ class kelm_avi_reader {
     static constexpr int32_t kAllFrames = 3;
     static constexpr int32_t kAudioFrames = 4;
 
-    kelm_avi_reader();
+    kelm_avi_reader() = default;
     ~kelm_avi_reader();
     kelm_avi_reader(const kelm_avi_reader &) = delete;
     kelm_avi_reader &operator=(const kelm_avi_reader &) = delete;
@@ -99,7 +99,7 @@ class kelm_avi_reader {
     int64_t m_movi_end_pos = 0;  // the index, or the file's length at the open
     int64_t m_idx1_pos = 0;      // its first entry
     int64_t m_idx1_cnt = 0;
-    std::unique_ptr<RecSegStrn> m_recseg_strn;
+    std::unique_ptr<RecSegStrn> m_recseg_strn;  // from the first open on: it is large, and most readers never open a file
     bool m_reverse = false;
     uint8_t *m_data_buf = nullptr;
     int32_t m_data_buf_len = 0;  // unread bytes, which end at m_data_end
