@@ -274,7 +274,7 @@ int32_t CAviReader::UpdateRecFileLst() {
 
 // A file that cannot tell its segments is passed over.
 void CAviReader::InsertSegments(const RecFileNode &file) {
-    std::array<RecSegEntry, kMaxSegments> entries;
+    std::array<RecSegEntry, kMaxSegments> entries{};
     int32_t count = kMaxSegments;
     if (recording().GetRecSegInfo(file.channel, file.rec_file_path, entries.data(), &count) != KELM_AVIFILE_OK) return;
     const int64_t last = m_range.end_time != 0 ? m_range.end_time : kLastTime;

@@ -30,7 +30,7 @@ int32_t CRecSegMngr::GetRecSegList(uint32_t dev_idx, uint32_t channel, int64_t b
     RecSegNode *last = nullptr;
     int32_t nodes = 0;
     for (const RecFileNode &file : files) {
-        std::array<RecSegEntry, kMaxSegments> entries;
+        std::array<RecSegEntry, kMaxSegments> entries{};
         int32_t entry_count = kMaxSegments;
         if (CGlobalObject::Instance().RecDevMngr().GetRecSegInfo(file.channel, file.rec_file_path, entries.data(),
                                                                  &entry_count) != KELM_AVIFILE_OK) {
