@@ -5,6 +5,10 @@
 // file of its own. The demo knows by the rules of recvault.h where each record file has to begin, and counts for each what
 // it delivered; at the end it holds both against the folder tree and the index files of the store.
 //
+// It may be killed on the way: the manifest tells what was delivered until then. With --live-from the cameras deliver in
+// real time before that, as real ones do, so that what is lost can be told in seconds. With --resume it goes on where it was
+// killed, half a minute of recorded time later.
+//
 // Recorded time runs some thousand times faster than real time. A camera must therefore not deliver faster than its writer
 // takes: the ring of a channel, 1 MiB and 500 frames, drops what does not fit. After each second of pictures the demo looks
 // at the open file and its side file, which grows by one entry a frame, and waits while too much is under way. A real camera
@@ -19,31 +23,29 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
-#include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <future>
-#include <iomanip>
 #include <iterator>
 #include <list>
 #include <map>
+#include <optional>
 #include <span>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <tuple>
 #include <utility>
 #include <vector>
 
 #include "clips.h"
+#include "index_report.h"
+#include "manifest.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 using demo::AudioClip, demo::VideoClip, demo::Media, demo::Player;
+using demo::formatted, demo::Manifest, demo::RecordFile, demo::size_on_disk;
 using std::chrono::milliseconds;
 
 constexpr uint32_t kDay = 86400, kMaxFileSeconds = 3600;
@@ -52,6 +54,8 @@ constexpr uint32_t kDay = 86400, kMaxFileSeconds = 3600;
 constexpr uint32_t kMidnight = 2'082'758'400;
 constexpr double kShareBeforeMidnight = 0.6;
 constexpr uint32_t kExportSeconds = 30;
+constexpr uint32_t kOutageSeconds = 30;
+constexpr uint32_t kMaxLiveSeconds = 60;
 
 constexpr uint64_t kFileHeadBytes = 77824, kRecordHeadBytes = 64, kSideEntryBytes = 40;
 // The ring of side records takes 500. Those that are in the side file already may still stand in it, and a further second
@@ -89,41 +93,12 @@ struct CameraPlan {
     std::vector<From<int32_t>> types;
 };
 
-struct RecordFile {
-    fs::path path;
-    uint32_t begin = 0;
-    uint32_t end = 0;
-    uint16_t width = 0;
-    uint16_t height = 0;
-    int8_t codec_id = 0;
-    uint64_t video = 0;
-    uint64_t audio = 0;
-    uint64_t bytes = kFileHeadBytes;
-    uint32_t types = 0;  // mask, as in RecFileInfo
-};
-
 uint32_t type_bit(int32_t type) { return 1U << (type - 1); }
-
-// A time in a form as strftime has it.
-std::string formatted(int64_t seconds, const char *form) {
-    const std::time_t time = seconds;
-    std::tm fields{};
-    gmtime_r(&time, &fields);
-    std::ostringstream text;
-    text << std::put_time(&fields, form);
-    return text.str();
-}
 
 // Whether a key frame belongs in another file than the one that is open.
 bool ends_file(const RecordFile &file, const FrameHead &key) {
     return file.width != key.width || file.height != key.height || file.codec_id != key.codec_id ||
            file.begin / kDay != key.seconds / kDay || key.seconds - file.begin >= kMaxFileSeconds;
-}
-
-uint64_t size_on_disk(const fs::path &path) {
-    std::error_code error;
-    const uintmax_t size = fs::file_size(path, error);
-    return error ? 0 : size;
 }
 
 // How much of a file that is being written has not reached it yet.
@@ -136,14 +111,20 @@ bool much_under_way(const RecordFile &file) {
 // One channel that records, and what was delivered to it.
 class Camera {
  public:
-    Camera(CameraPlan plan, int32_t device, fs::path root)
-        : m_plan(std::move(plan)), m_device(device), m_root(std::move(root)) {}
+    Camera(CameraPlan plan, int32_t device, fs::path root, Manifest &manifest)
+        : m_plan(std::move(plan)), m_device(device), m_root(std::move(root)), m_manifest(manifest) {}
 
-    // Delivers second `second` of the demo, and waits until most of it is on disk.
-    void record_second(uint32_t second, uint32_t time) {
+    // Delivers second `second` of the demo, and waits until most of it is on disk. With `begin` each frame waits for its
+    // moment in the real second that begins then.
+    void record_second(uint32_t second, uint32_t time, std::optional<Clock::time_point> begin = {}) {
         set_type(at_second(m_plan.types, second));
         m_player.play_second(*at_second(m_plan.pictures, second), *m_plan.audio, second, time,
-                             [this](const FrameHead &head, std::span<const uint8_t> data) { deliver(head, data); });
+                             [&](const FrameHead &head, std::span<const uint8_t> data) {
+                                 if (begin) {
+                                     std::this_thread::sleep_until(*begin + std::chrono::microseconds(head.microseconds));
+                                 }
+                                 deliver(head, data);
+                             });
         wait_for_disk();
     }
 
@@ -168,14 +149,15 @@ class Camera {
         const bool new_file = head.type == demo::kKeyFrame && (m_files.empty() || ends_file(m_files.back(), head));
         if (new_file) {
             m_files.push_back(expected_file(head));
+            m_line = m_manifest.add(m_files.back());
         }
+        count(head, data.size());
         check(KELM_AviFile_DataInput(m_plan.channel, &head, sizeof head, data.data(), static_cast<uint32_t>(data.size()),
                                      head.seconds, head.microseconds, m_device),
               "KELM_AviFile_DataInput");
         if (new_file && !fs::exists(m_files.back().path)) {
             throw std::runtime_error("no file was opened at " + m_files.back().path.string());
         }
-        count(head, data.size());
     }
 
     RecordFile expected_file(const FrameHead &key) const {
@@ -189,6 +171,7 @@ class Camera {
         file.height = key.height;
         file.codec_id = key.codec_id;
         file.types = type_bit(m_type);
+        file.bytes = kFileHeadBytes;
         return file;
     }
 
@@ -196,8 +179,11 @@ class Camera {
         RecordFile &file = m_files.back();
         const uint32_t frames = demo::frames_in(head, bytes);
         (head.type == demo::kAudio ? file.audio : file.video) += frames;
-        file.bytes += frames * (kRecordHeadBytes + head.length + head.length % 2);
+        const uint64_t record_bytes = frames * (kRecordHeadBytes + head.length + head.length % 2);
+        file.bytes += record_bytes;
+        file.largest = std::max(file.largest, record_bytes);
         file.end = head.seconds;
+        m_manifest.update(m_line, file);
     }
 
     void wait_for_disk() const {
@@ -213,6 +199,8 @@ class Camera {
     CameraPlan m_plan;
     int32_t m_device;
     fs::path m_root;
+    Manifest &m_manifest;
+    size_t m_line = 0;  // of the open file
     int32_t m_type = 0;
     Player m_player;
     std::vector<RecordFile> m_files;
@@ -249,8 +237,12 @@ std::vector<CameraPlan> plans(const Media &media, uint32_t duration) {
 // Rewrites one line of a terminal, several times a second; into a file or a pipe it writes a line each ten seconds.
 class Progress {
  public:
-    Progress(std::FILE *out, uint32_t duration)
-        : m_out(out), m_terminal(isatty(fileno(out)) == 1), m_pause(m_terminal ? 200 : 10'000), m_duration(duration) {}
+    Progress(std::FILE *out, uint32_t first, uint32_t duration)
+        : m_out(out),
+          m_terminal(isatty(fileno(out)) == 1),
+          m_pause(m_terminal ? 200 : 10'000),
+          m_first(first),
+          m_duration(duration) {}
 
     void show_recorded(uint32_t done, const std::list<Camera> &cameras) {
         const auto now = Clock::now();
@@ -287,8 +279,8 @@ class Progress {
         }
         const double took = std::max(std::chrono::duration<double>(now - m_begin).count(), 0.001);
         std::fprintf(m_out, "%s%3u %% of %.2f h recorded, %zu files, %.0f MB, %.0f times real time%s", begin_line(),
-                     done * 100 / m_duration, m_duration / 3600.0, files, static_cast<double>(bytes) / 1e6, done / took,
-                     end_line());
+                     done * 100 / m_duration, m_duration / 3600.0, files, static_cast<double>(bytes) / 1e6,
+                     (done - m_first) / took, end_line());
         std::fflush(m_out);
     }
 
@@ -298,6 +290,7 @@ class Progress {
     std::FILE *m_out;
     bool m_terminal;
     milliseconds m_pause;
+    uint32_t m_first;  // second of the demo at which this run begins
     uint32_t m_duration;
     Clock::time_point m_begin = Clock::now();
     Clock::time_point m_next = m_begin;
@@ -315,10 +308,15 @@ std::FILE *redirect_log(const std::string &path) {
 // ---- The run ----
 
 struct Options {
-    fs::path store, media = RECVAULT_DEMO_MEDIA;
-    std::string manifest, log;
+    fs::path store, manifest, media = RECVAULT_DEMO_MEDIA;
+    std::string log;
     double hours = 2;
     double pace = 0;
+    double live_from = 1;
+    bool resume = false;
+
+    uint32_t seconds() const { return static_cast<uint32_t>(std::lround(hours * 3600)); }
+    uint32_t start() const { return kMidnight - static_cast<uint32_t>(std::lround(kShareBeforeMidnight * seconds())); }
 };
 
 class Library {
@@ -329,11 +327,11 @@ class Library {
     Library &operator=(const Library &) = delete;
 };
 
-void prepare_store(const fs::path &root) {
+void prepare_store(const fs::path &root, bool resume) {
     if (root.string().size() >= sizeof RecPartitionInfo::path) {
         throw std::runtime_error(root.string() + ": the path of a store has at most 31 characters");
     }
-    if (fs::exists(root / "avi_av")) {
+    if (!resume && fs::exists(root / "avi_av")) {
         throw std::runtime_error(root.string() + " holds recordings already");
     }
     fs::create_directories(root);
@@ -348,15 +346,15 @@ void add_partition(const fs::path &root, double hours) {
     check(KELM_AviFile_AddRecPartition(&info), "KELM_AviFile_AddRecPartition");
 }
 
-std::list<Camera> make_cameras(const Options &options, const Media &media, uint32_t duration) {
+std::list<Camera> make_cameras(const Options &options, const Media &media, Manifest &manifest) {
     std::map<std::string, int32_t> devices;
     std::list<Camera> cameras;
-    for (CameraPlan &plan : plans(media, duration)) {
+    for (CameraPlan &plan : plans(media, options.seconds())) {
         const auto [device, is_new] = devices.try_emplace(plan.device, 0);
         if (is_new) {
             check(KELM_AviFile_CreateDevHandle(&device->second, plan.device.c_str()), "KELM_AviFile_CreateDevHandle");
         }
-        cameras.emplace_back(std::move(plan), device->second, options.store);
+        cameras.emplace_back(std::move(plan), device->second, options.store, manifest);
     }
     return cameras;
 }
@@ -403,155 +401,81 @@ RecordFile export_clip(const fs::path &path, const Media &media, uint32_t begin)
     return file;
 }
 
-// ---- What came of it ----
-
-struct IndexEntry {
-    fs::path path;
-    std::string device;
-    uint32_t channel = 0;
-    uint32_t types = 0;
-    int64_t begin = 0;
-    int64_t end = 0;
-    bool recording = false;
-};
-
-template <class T>
-T number_at(const char *entry, size_t offset) {
-    T value;
-    std::memcpy(&value, entry + offset, sizeof value);
-    return value;
+// One second in real time, all cameras side by side.
+void record_live_second(std::list<Camera> &cameras, uint32_t second, uint32_t time, Clock::time_point begin) {
+    std::vector<std::future<void>> running;
+    for (Camera &camera : cameras) {
+        running.push_back(
+            std::async(std::launch::async, [&camera, second, time, begin] { camera.record_second(second, time, begin); }));
+    }
+    std::ranges::for_each(running, &std::future<void>::get);
 }
 
-// Appends the entries of an index file, whose layout docs/format.md gives.
-void read_index(const fs::path &path, std::vector<IndexEntry> &entries) {
-    std::ifstream file(path, std::ios::binary);
-    std::array<char, 312> raw;
-    while (file.read(raw.data(), raw.size())) {
-        const char *const name = raw.data() + 8;
-        const IndexEntry entry{.path = path.parent_path() / std::string(name, strnlen(name, 256)),
-                               .device = path.parent_path().parent_path().filename().string(),
-                               .channel = number_at<uint32_t>(raw.data(), 0),
-                               .types = number_at<uint32_t>(raw.data(), 4),
-                               .begin = number_at<int64_t>(raw.data(), 272),
-                               .end = number_at<int64_t>(raw.data(), 280),
-                               .recording = number_at<uint32_t>(raw.data(), 292) != 0};
-        if (entry.types != 0) {  // 0 marks a deleted file
-            entries.push_back(entry);
-        }
-    }
-}
-
-// All that the index files below a store's root know, in the order of the table: by device, channel and time.
-std::vector<IndexEntry> read_store(const fs::path &root) {
-    std::vector<IndexEntry> entries;
-    for (const fs::directory_entry &entry : fs::recursive_directory_iterator(root)) {
-        if (entry.path().filename() == "rec_index.bin") {
-            read_index(entry.path(), entries);
-        }
-    }
-    std::ranges::sort(entries, {},
-                      [](const IndexEntry &entry) { return std::tie(entry.device, entry.channel, entry.begin); });
-    return entries;
-}
-
-void print_row(const IndexEntry &entry, const RecordFile *delivered) {
-    std::printf("%s  %-10s  %7u  %s  %11llu", formatted(entry.begin, "%Y%m%d").c_str(), entry.device.c_str(), entry.channel,
-                (formatted(entry.begin, "%H:%M:%S  ") + formatted(entry.end, "%H:%M:%S")).c_str(),
-                static_cast<unsigned long long>(size_on_disk(entry.path)));
-    if (delivered != nullptr) {
-        std::printf("  %6llu  %6llu\n", static_cast<unsigned long long>(delivered->video),
-                    static_cast<unsigned long long>(delivered->audio));
-    } else {
-        std::printf("       ?       ?\n");
-    }
-}
-
-bool agrees(const IndexEntry &entry, const RecordFile &delivered) {
-    return !entry.recording && entry.types == delivered.types && entry.begin == delivered.begin &&
-           entry.end == delivered.end;
-}
-
-// Prints the table and holds the index against what was delivered. Returns whether they agree.
-bool report(const std::vector<IndexEntry> &entries, const std::list<Camera> &cameras) {
-    std::map<fs::path, const RecordFile *> expected;
-    for (const Camera &camera : cameras) {
-        for (const RecordFile &file : camera.files()) {
-            expected[file.path] = &file;
-        }
-    }
-    bool all_agree = true;
-    std::printf("day       device      channel  begin     end             bytes   video   audio\n");
-    for (const IndexEntry &entry : entries) {
-        const auto found = expected.find(entry.path);
-        const RecordFile *const delivered = found == expected.end() ? nullptr : found->second;
-        print_row(entry, delivered);
-        if (delivered == nullptr || !agrees(entry, *delivered)) {
-            std::printf("%s: the index differs from what was delivered\n", entry.path.c_str());
-            all_agree = false;
-        }
-        if (delivered != nullptr) {
-            expected.erase(found);
-        }
-    }
-    for (const auto &[path, file] : expected) {
-        std::printf("%s: not in the index\n", path.c_str());
-    }
-    return all_agree && expected.empty();
-}
-
-void write_manifest(const std::string &path, const std::list<Camera> &cameras, const RecordFile &exported) {
-    std::ofstream out(path);
-    const auto write_line = [&](const RecordFile &file) {
-        out << file.path.string() << '\t' << file.video << '\t' << file.audio << '\t'
-            << static_cast<double>(file.video) / demo::kFps << '\n';
-    };
-    out << "#path\tvideo frames\taudio frames\tseconds\n";
-    for (const Camera &camera : cameras) {
-        std::ranges::for_each(camera.files(), write_line);
-    }
-    write_line(exported);
-    if (!out.flush()) {
-        throw std::runtime_error("cannot write " + path);
-    }
-}
-
-struct Recording {
-    std::list<Camera> cameras;
-    RecordFile exported;
-};
-
-Recording record(const Options &options, std::FILE *terminal) {
-    const auto duration = static_cast<uint32_t>(std::lround(options.hours * 3600));
-    const uint32_t start = kMidnight - static_cast<uint32_t>(std::lround(kShareBeforeMidnight * duration));
-    const Media media(options.media);
-    const Library library;
-    add_partition(options.store, options.hours);
-    std::list<Camera> cameras = make_cameras(options, media, duration);
-    Progress progress(terminal, duration);
+// Records in real time until somebody kills the demo.
+[[noreturn]] void record_live(std::list<Camera> &cameras, uint32_t second, uint32_t time) {
+    std::printf("recording in real time, process %d may be killed\n", static_cast<int>(getpid()));
+    std::fflush(stdout);
     const auto begin = Clock::now();
-    for (uint32_t second = 0; second < duration; ++second) {
+    for (uint32_t n = 0; n < kMaxLiveSeconds; ++n) {
+        record_live_second(cameras, second + n, time + n, begin + std::chrono::seconds(n));
+    }
+    throw std::runtime_error("nobody killed the demo while it recorded in real time");
+}
+
+// Records from a second of the demo on to its end.
+void record(std::list<Camera> &cameras, const Options &options, uint32_t first, Progress &progress) {
+    const auto live_from = static_cast<uint32_t>(std::lround(options.live_from * options.seconds()));
+    const auto begin = Clock::now();
+    for (uint32_t second = first; second < options.seconds(); ++second) {
+        if (second == live_from) {
+            progress.end_phase();
+            record_live(cameras, second, options.start() + second);
+        }
         for (Camera &camera : cameras) {
-            camera.record_second(second, start + second);
+            camera.record_second(second, options.start() + second);
         }
         progress.show_recorded(second + 1, cameras);
         if (options.pace > 0) {
-            const auto due = std::chrono::duration<double>((second + 1) / options.pace);
+            const auto due = std::chrono::duration<double>((second + 1 - first) / options.pace);
             std::this_thread::sleep_until(begin + std::chrono::duration_cast<Clock::duration>(due));
         }
     }
     progress.end_phase();
     stop_all(cameras, progress);
-    RecordFile exported = export_clip(options.store / "export.avi", media, start);
-    return {std::move(cameras), std::move(exported)};
+}
+
+// The second of the demo at which it goes on, or 0 when nothing was recorded before.
+uint32_t first_second(const std::vector<RecordFile> &before, const Options &options) {
+    if (before.empty()) {
+        return 0;
+    }
+    const uint32_t last = std::ranges::max(before, {}, &RecordFile::end).end;
+    return last + 1 + kOutageSeconds - options.start();
 }
 
 int run(const Options &options, std::FILE *terminal) {
-    prepare_store(options.store);
-    const auto [cameras, exported] = record(options, terminal);
-    if (!options.manifest.empty()) {
-        write_manifest(options.manifest, cameras, exported);
+    prepare_store(options.store, options.resume);
+    std::vector<RecordFile> files;
+    if (options.resume) {
+        files = demo::read_manifest(options.manifest);
     }
-    const bool agree = report(read_store(options.store / "avi_av"), cameras);
+    const uint32_t first = first_second(files, options);
+    Manifest manifest(options.manifest);
+    const Media media(options.media);
+    RecordFile exported;
+    {
+        const Library library;
+        add_partition(options.store, options.hours);
+        std::list<Camera> cameras = make_cameras(options, media, manifest);
+        Progress progress(terminal, first, options.seconds());
+        record(cameras, options, first, progress);
+        exported = export_clip(options.store / "export.avi", media, options.start());
+        for (const Camera &camera : cameras) {
+            files.insert(files.end(), camera.files().begin(), camera.files().end());
+        }
+    }
+    manifest.add(exported);
+    const bool agree = demo::report_index(options.store / "avi_av", files);
     std::printf("saved out: %s, %llu bytes, %llu video and %llu audio frames\n", exported.path.c_str(),
                 static_cast<unsigned long long>(size_on_disk(exported.path)),
                 static_cast<unsigned long long>(exported.video), static_cast<unsigned long long>(exported.audio));
@@ -563,7 +487,7 @@ int run(const Options &options, std::FILE *terminal) {
 int main(int argc, char **argv) {
     Options options;
     CLI::App app("Records four cameras that play clips, with changes of all kinds on the way, and shows the files.");
-    app.add_option("--store", options.store, "Folder to record into, at most 31 characters, without recordings")->required();
+    app.add_option("--store", options.store, "Folder to record into, at most 31 characters")->required();
     app.add_option("--hours", options.hours, "Recorded time of each camera")
         ->check(CLI::Range(0.02, 24.0))
         ->capture_default_str();
@@ -571,8 +495,11 @@ int main(int argc, char **argv) {
         ->check(CLI::NonNegativeNumber)
         ->capture_default_str();
     app.add_option("--media", options.media, "Folder of the clips")->check(CLI::ExistingDirectory)->capture_default_str();
-    app.add_option("--manifest", options.manifest,
-                   "File that takes what was delivered: path, frames and seconds of each file");
+    app.add_option("--manifest", options.manifest, "File that tells at any time what was delivered to each record file")
+        ->required();
+    app.add_option("--live-from", options.live_from, "Share of the time after which to record in real time, to be killed")
+        ->check(CLI::Range(0.0, 1.0));
+    app.add_flag("--resume", options.resume, "Go on where the demo was killed, by its manifest, in the same store");
     app.add_option("--log", options.log, "File that takes the library's log, else it goes to standard error");
     CLI11_PARSE(app, argc, argv);
     std::FILE *terminal = stderr;
