@@ -69,21 +69,6 @@ class Baseline {
     std::vector<Ring> m_rings;
 };
 
-// Nanoseconds of single calls.
-class Samples {
- public:
-    void add(double value) { m_values.push_back(value); }
-
-    double at(double share) {
-        const auto position = m_values.begin() + static_cast<ptrdiff_t>(share * static_cast<double>(m_values.size() - 1));
-        std::nth_element(m_values.begin(), position, m_values.end());
-        return *position;
-    }
-
- private:
-    std::vector<double> m_values;
-};
-
 double nanoseconds(Clock::time_point begin, Clock::time_point end) {
     return std::chrono::duration<double, std::nano>(end - begin).count();
 }

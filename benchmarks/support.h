@@ -146,6 +146,23 @@ class Frames {
 
 // ---- Counters of this process ----
 
+// Durations of single calls, in whatever unit.
+class Samples {
+ public:
+    void add(double value) { m_values.push_back(value); }
+
+    bool empty() const { return m_values.empty(); }
+    // The value that `share` of them stay below: 0.5 is the median.
+    double at(double share) {
+        const auto position = m_values.begin() + static_cast<ptrdiff_t>(share * static_cast<double>(m_values.size() - 1));
+        std::nth_element(m_values.begin(), position, m_values.end());
+        return *position;
+    }
+
+ private:
+    std::vector<double> m_values;
+};
+
 struct Usage {
     double wall = 0;      // seconds
     double cpu = 0;       // seconds, user and system, of all threads
@@ -252,11 +269,10 @@ inline void require_one_file(uint64_t frames, uint32_t frame_bytes) {
     }
 }
 
-// The library with one partition, one device and a recording on each channel from start() to stop().
-class Recorder {
+// The library with one partition and one device.
+class Library {
  public:
-    Recorder(const std::string &root, const Frames &frames)
-        : m_frames(frames), m_folder(root + "/avi_av/" + kDay + "/" + kDevice), m_heads(frames.channels()) {
+    explicit Library(const std::string &root) {
         raise_open_files();
         check(KELM_AviFile_Init(0), "KELM_AviFile_Init");
         try {
@@ -266,26 +282,53 @@ class Recorder {
             KELM_AviFile_UnInit(0);
             throw;
         }
-        std::fill(m_heads.begin(), m_heads.end(), first_head(frames.bytes()));
     }
-    ~Recorder() { KELM_AviFile_UnInit(0); }
-    Recorder(const Recorder &) = delete;
-    Recorder &operator=(const Recorder &) = delete;
+    ~Library() { KELM_AviFile_UnInit(0); }
+    Library(const Library &) = delete;
+    Library &operator=(const Library &) = delete;
+
+    int32_t device() const { return m_device; }
+
+ private:
+    static void add_partition(const std::string &root) {
+        RecPartitionInfo info{};
+        if (root.size() >= sizeof info.path) {
+            throw std::runtime_error(root + ": the path of a partition has at most 31 characters");
+        }
+        root.copy(info.path, sizeof info.path - 1);
+        info.priority = 4;
+        info.rec_space = kPartitionBudget;
+        info.disk_space = kPartitionBudget;
+        check(KELM_AviFile_AddRecPartition(&info), "KELM_AviFile_AddRecPartition");
+    }
+
+    int32_t m_device = 0;
+};
+
+// A recording on each channel from start() to stop().
+class Recorder {
+ public:
+    Recorder(const std::string &root, const Frames &frames)
+        : m_frames(frames),
+          m_library(root),
+          m_folder(root + "/avi_av/" + kDay + "/" + kDevice),
+          m_heads(frames.channels(), first_head(frames.bytes())) {}
 
     void start() {
         for (uint32_t channel = 0; channel < channels(); ++channel) {
-            check(KELM_AviFile_RecStart(channel, 1, m_device), "KELM_AviFile_RecStart");
+            check(KELM_AviFile_RecStart(channel, 1, device()), "KELM_AviFile_RecStart");
         }
     }
 
     // Returns when every file is finished.
     void stop() {
         for (uint32_t channel = 0; channel < channels(); ++channel) {
-            check(KELM_AviFile_RecStop(channel, m_device), "KELM_AviFile_RecStop");
+            check(KELM_AviFile_RecStop(channel, device()), "KELM_AviFile_RecStop");
         }
     }
 
     uint32_t channels() const { return m_frames.channels(); }
+    int32_t device() const { return m_library.device(); }
 
     // Makes the head of the channel's next frame ready; hand_over() is the call that is measured.
     void prepare(uint32_t channel, bool key) {
@@ -298,7 +341,7 @@ class Recorder {
     int32_t hand_over(uint32_t channel) const {
         const FrameHead &head = m_heads[channel];
         return KELM_AviFile_DataInput(channel, &head, sizeof head, m_frames.of(channel), head.length, head.seconds,
-                                      head.microseconds, m_device);
+                                      head.microseconds, device());
     }
     void deliver(uint32_t channel, bool key) {
         prepare(channel, key);
@@ -345,18 +388,6 @@ class Recorder {
     }
 
  private:
-    static void add_partition(const std::string &root) {
-        RecPartitionInfo info{};
-        if (root.size() >= sizeof info.path) {
-            throw std::runtime_error(root + ": the path of a partition has at most 31 characters");
-        }
-        root.copy(info.path, sizeof info.path - 1);
-        info.priority = 4;
-        info.rec_space = kPartitionBudget;
-        info.disk_space = kPartitionBudget;
-        check(KELM_AviFile_AddRecPartition(&info), "KELM_AviFile_AddRecPartition");
-    }
-
     static FrameHead first_head(uint32_t frame_bytes) {
         FrameHead head{};
         head.uiStartId = KELM_AVIFILE_FRAME_START_ID;
@@ -385,8 +416,8 @@ class Recorder {
     }
 
     const Frames &m_frames;
+    Library m_library;
     fs::path m_folder;
-    int32_t m_device = 0;
     std::vector<FrameHead> m_heads;
     std::vector<File> m_files;  // for their sizes
 };

@@ -27,7 +27,8 @@ measure() { # title command...
 }
 
 quietly cmake --preset release -DRECVAULT_BUILD_BENCHMARKS=ON
-quietly cmake --build --preset release --target input_benchmark pace_benchmark throughput_benchmark
+quietly cmake --build --preset release --target input_benchmark pace_benchmark throughput_benchmark \
+    store_benchmark playback_benchmark
 
 echo "$(nproc) x $(sed -n 's/^model name[[:space:]]*: //p' /proc/cpuinfo | head -n 1), Linux $(uname -r), files in $parent"
 measure 'one call' "$programs/input_benchmark" --benchmark_counters_tabular=true "$folder"
@@ -35,3 +36,5 @@ measure 'pace of cameras' "$programs/pace_benchmark" --channels 64 --bytes 20000
 measure 'pace of many small cameras' \
     "$programs/pace_benchmark" --channels 256 --bytes 2000 --seconds "$seconds" --folder "$folder"
 measure 'as fast as it goes' "$programs/throughput_benchmark" --channels 16 --gigabytes 2 --folder "$folder"
+measure 'keeping a store' "$programs/store_benchmark" --folder "$folder"
+measure 'playback' "$programs/playback_benchmark" --folder "$folder"

@@ -10,7 +10,7 @@ packages_of() {
         test) echo "$(packages_of build)" libgtest-dev libgmock-dev clang-14 clang-format-14 clang-tidy-14 ;;
         media) echo libavformat-dev libavcodec-dev libavutil-dev ;;
         demo) echo "$(packages_of build)" "$(packages_of media)" libcli11-dev ffmpeg ;;
-        bench) echo "$(packages_of build)" "$(packages_of media)" libbenchmark-dev ;;
+        bench) echo "$(packages_of build)" "$(packages_of media)" libbenchmark-dev libcli11-dev libsqlite3-dev ffmpeg ;;
         *)
             echo "install-deps.sh: no group '$1' (test, demo, bench)" >&2
             return 1

@@ -477,7 +477,8 @@ CAviReader::Delivery CAviReader::DeliverPending() {
     }
     m_listener.callback(m_listener.pop_id, m_nChannel, delivered.key ? 1 : 0, static_cast<int32_t>(head.type & 0xFFFF),
                         head.seconds, frame, delivered.length, POP_EVENT_FRAME, m_listener.user_data);
-    SetFrameState(FrameState::drop);
+    const CAutoMutex lock(&m_frame_mutex);
+    DropFrame();
     return delivered;
 }
 

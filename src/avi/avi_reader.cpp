@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cinttypes>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -15,6 +14,7 @@ namespace kelm_recvault {
 namespace {
 
 constexpr int32_t kLoad = 0x10000;
+constexpr int32_t kWindow = 0x20000;
 constexpr int32_t kLoadUnit = 4096;  // also the rounding of a seek
 constexpr int32_t kSkipUnit = 512;
 constexpr int64_t kTolerance = 2;        // seconds
@@ -239,7 +239,7 @@ kelm_avi_reader::Look kelm_avi_reader::look(Filter *filter, int64_t *current_siz
         FrameRecHead head{};
         std::memcpy(&head, span_begin(), sizeof(head));
         if (!kelm_avi::is_frame_head(head)) {
-            std::printf(" =============== invalid frame head =======================\n");
+            log_print(" =============== invalid frame head =======================\n");
             m_data_buf_len -= static_cast<int32_t>(sizeof(kFccJunk));
             continue;
         }
@@ -266,11 +266,11 @@ bool kelm_avi_reader::fast_find_node() {
     uint8_t *const end = begin + m_data_buf_len;
     uint8_t *const found = std::search(begin, end, std::begin(kMark), std::end(kMark));
     if (found == end) {
-        if (m_data_buf_len > 0) std::printf("not find frame head, data_len = %d ==================\n", m_data_buf_len);
+        if (m_data_buf_len > 0) log_print("not find frame head, data_len = %d ==================\n", m_data_buf_len);
         m_data_buf_len = std::min<int32_t>(m_data_buf_len, sizeof(kMark) - 1);
         return false;
     }
-    if (found != begin) std::printf("fast_find_node, head_pos = %d\n", static_cast<int32_t>(found - begin));
+    if (found != begin) log_print("fast_find_node, head_pos = %d\n", static_cast<int32_t>(found - begin));
     m_data_buf_len = static_cast<int32_t>(end - found);
     return true;
 }
@@ -298,7 +298,10 @@ int32_t kelm_avi_reader::load(int64_t current_size) {
         load_size = static_cast<int32_t>(round_down(remain, kLoadUnit));
     }
     const int64_t rest = current_size == 0 ? 0 : current_size - m_data_buf_len;
-    if (kBufferSize - m_data_end < std::max<int64_t>(load_size, rest) && !make_room(rest, &load_size)) return load(0);
+    // Small frames stay in the first part of the buffer, which the processor then has in its cache.
+    const bool move = m_data_end >= kWindow && m_data_buf_len <= kWindow / 8;
+    const bool full = kBufferSize - m_data_end < std::max<int64_t>(load_size, rest);
+    if ((move || full) && !make_room(rest, &load_size)) return load(0);
     const int32_t count = m_avi_fio.read_some(m_data_buf + m_data_end, load_size);
     m_data_end += count;
     m_data_buf_len += count;
@@ -319,7 +322,7 @@ bool kelm_avi_reader::make_room(int64_t rest, int32_t *load_size) {
     if (kBufferSize - offset - m_data_buf_len < std::max<int64_t>(rest, kLoadUnit)) offset = 0;
     const int64_t room = kBufferSize - offset - m_data_buf_len;
     if (room < std::max<int64_t>(rest, 1)) {
-        std::printf("clear all data, offset+m_data_buf_len+read_len = %d, offset+m_data_buf_len+remain_frame_len = %d\n",
+        log_print("clear all data, offset+m_data_buf_len+read_len = %d, offset+m_data_buf_len+remain_frame_len = %d\n",
                     offset + m_data_buf_len + *load_size, static_cast<int32_t>(offset + m_data_buf_len + rest));
         m_data_buf_len = m_data_end = 0;
         return false;
