@@ -444,11 +444,10 @@ ScanTotals CRecIndex::init_devch_dir(const char *dev_name) const {
             return;
         }
         char index_path[256];
+        if (get_nodeidx_fname(dev_name, channel, index_path, sizeof(index_path)) != KELM_AVIFILE_OK) return;
         ScanTotals folder_totals;
-        if (get_nodeidx_fname(dev_name, channel, index_path, sizeof(index_path)) == KELM_AVIFILE_OK &&
-            rebuild_file(index_path, channel, &folder_totals) == KELM_AVIFILE_OK) {
-            totals.Add(folder_totals);
-        }
+        rebuild_file(index_path, channel, &folder_totals);
+        totals.Add(folder_totals);
     });
     return totals;
 }
@@ -501,6 +500,15 @@ bool append_record(platform::File *file, const RecFileNode &node) {
     return file->Write(&record, sizeof(record)) == sizeof(record);
 }
 
+// What an index that cannot be written anew still says: its closed files stay in the account, which they leave with it.
+ScanTotals totals_of(const std::map<std::string, RecIndexRecord> &records) {
+    ScanTotals totals;
+    for (const auto &[name, record] : records) {
+        if (record.is_recording == 0 && record.file_size > 0) totals.Add({static_cast<uint64_t>(record.file_size), 1});
+    }
+    return totals;
+}
+
 void delete_senseless(const std::string &folder, const RecFileNode &node) {
     const std::string path = folder + node.rec_file_path;
     platform::File file;
@@ -531,6 +539,7 @@ int32_t CRecIndex::rebuild_file(const char *index_path, int32_t channel, ScanTot
     platform::File file;
     if (!file.Open(index_path, platform::OpenMode::create_update, kIndexBuffer)) {
         LOG_TRACE();
+        *totals = totals_of(old_records);
         return KELM_AVIFILE_FAILED;
     }
     for (const RecFileNode &node : new_nodes) {

@@ -209,11 +209,13 @@ class RecordingTest : public testing::Test {
         doubles::show_system_time();
     }
 
-    static int32_t AddPartition(const std::string &path, uint64_t space = 100ULL << 30, int32_t priority = 1) {
+    static int32_t AddPartition(const std::string &path, uint64_t space = 100ULL << 30, int32_t priority = 1,
+                                uint32_t max_save_hour = 0) {
         RecPartitionInfo info{};
         std::strncpy(info.path, path.c_str(), sizeof(info.path) - 1);
         info.priority = priority;
         info.rec_space = info.disk_space = space;
+        info.max_save_hour = max_save_hour;
         return KELM_AviFile_AddRecPartition(&info);
     }
     int32_t Deliver(const Frame &frame, uint32_t channel = 0) const {
