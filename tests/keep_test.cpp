@@ -204,32 +204,6 @@ TEST_F(Keep, SweepForgetsWhatVanished) {
     disk.Destroy();
 }
 
-// A partition takes several times its size. The monitor looks once a second, so the pace is set by what it has freed.
-TEST_F(Keep, RecyclingKeepsAPartitionWithinItsBudget) {
-    KELM_AviFile_DelRecPartition(store.path().c_str());
-    constexpr uint64_t kBudget = 64ULL << 20;
-    ASSERT_EQ(AddPartition(store.path(), kBudget), 0);
-    for (uint32_t channel = 0; channel < 4; ++channel) ASSERT_EQ(KELM_AviFile_RecStart(channel, 1, device), 0);
-    uint64_t delivered = 0;
-    uint64_t most = 0;
-    for (uint32_t i = 0; delivered < 2 * kBudget; ++i) {
-        for (uint32_t channel = 0; channel < 4; ++channel) {
-            Frame frame = make_frame(kKey, i, kTenOClock + i, 0, 200000);
-            frame.head.width = static_cast<uint16_t>(i / 10 + 1);  // a file of 2 MB, then another
-            Deliver(frame, channel);
-            delivered += frame.data.size();
-        }
-        most = std::max(most, UsedSpace());
-        ASSERT_TRUE(wait_until([&] { return UsedSpace() < kBudget - (9ULL << 20); }));
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    for (uint32_t channel = 0; channel < 4; ++channel) KELM_AviFile_RecStop(channel, device);
-    EXPECT_LT(most, kBudget);
-    EXPECT_EQ(static_cast<int64_t>(UsedSpace()), SumOfRecords(store.path()));
-    EXPECT_GT(Files().size(), 10U);
-    for (const auto &path : Files()) StoredFile(path).ExpectComplete();
-}
-
 TEST_F(Keep, ToldWhenNothingMoreCanBeRecorded) {
     KELM_AviFile_DelRecPartition(store.path().c_str());
     RecPartitionInfo info{};
