@@ -1,7 +1,8 @@
 // The index, one partition, and the set of partitions.
-#include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include <map>
 
 #include "Disk.h"
 #include "RecNode.h"
@@ -170,32 +171,6 @@ TEST(Partition, AccountsForClosedFilesOnce) {
     EXPECT_EQ(disk.GetRecUsedSpace(), 0U);
 }
 
-TEST(Partition, BelongsToOneProcess) {
-    const TempDir dir;
-    int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
-    const pid_t other = fork();
-    if (other == 0) {
-        CDisk disk;
-        const int32_t result = disk.Initialize(0, {kGiB, kGiB, 0, 1}, (dir / "avi_av/").c_str());
-        if (write(ready[1], &result, sizeof(result)) != sizeof(result)) _exit(1);
-        pause();
-        _exit(0);
-    }
-    int32_t result = -1;
-    ASSERT_EQ(read(ready[0], &result, sizeof(result)), static_cast<ssize_t>(sizeof(result)));
-    EXPECT_EQ(result, 0);
-    CDisk disk;
-    EXPECT_EQ(disk.Initialize(0, {kGiB, kGiB, 0, 1}, (dir / "avi_av/").c_str()), KELM_AVIFILE_FAILED);
-    disk.Destroy();
-    kill(other, SIGKILL);
-    waitpid(other, nullptr, 0);
-    EXPECT_EQ(disk.Initialize(0, {kGiB, kGiB, 0, 1}, (dir / "avi_av/").c_str()), 0);
-    disk.Destroy();
-    close(ready[0]);
-    close(ready[1]);
-}
-
 TEST_F(RecordingTest, PartitionIsChosenByPriorityAndRoom) {
     const TempDir full;
     const TempDir best;
@@ -274,4 +249,91 @@ TEST_F(RecordingTest, FilesAreDeletedByName) {
     EXPECT_EQ(KELM_AviFile_DelAviFileByName(path.c_str()), 0);
     EXPECT_FALSE(fs::exists(store / "avi_av"));
     EXPECT_EQ(UsedSpace(), 0U);
+}
+
+// ---- Two processes ----
+
+namespace {
+
+// What the other process says by its exit status.
+constexpr int kAdded = 10;
+constexpr int kRefused = 11;
+
+int add_in_another_process(const std::string &root) {
+    setenv("RECVAULT_OTHER_STORE", root.c_str(), 1);
+    const pid_t other = fork();
+    if (other == 0) {
+        execl("/proc/self/exe", "recvault_tests", "--gtest_also_run_disabled_tests",
+              "--gtest_filter=OtherProcess.DISABLED_AddsThePartition", static_cast<char *>(nullptr));
+        _exit(1);
+    }
+    int status = 0;
+    waitpid(other, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace
+
+TEST_F(RecordingTest, PartitionBelongsToOneProcess) {
+    ASSERT_EQ(KELM_AviFile_RecStart(0, 1, device), 0);
+    DeliverKey(kTenOClock);
+    Frame wide = make_frame(kKey, number++, kTenOClock + 1, 0, 100000);
+    wide.head.width = 1280;
+    Deliver(wide);
+    const std::string open_file = Folder() + "100001.avi";
+    ASSERT_TRUE(wait_until([&] {  // until nothing is left to be written before the next frame
+        return !fs::exists(Folder() + "100000.avi_idx") && fs::file_size(open_file) > 77824 + 90000 &&
+               fs::file_size(open_file + "_idx") == 40;
+    }));
+    // What a scan would mend or remove.
+    std::ofstream(Folder() + "095959.avi") << "no record file";
+    fs::create_directories(store / "avi_av/20261124/cam/channel00");
+    const auto tree = [&] {
+        std::map<std::string, std::pair<fs::file_time_type, std::string>> entries;
+        for (const auto &entry : fs::recursive_directory_iterator(store.path())) {
+            entries[entry.path()] = {entry.last_write_time(), entry.is_directory() ? "" : read_file(entry.path())};
+        }
+        return entries;
+    };
+    const auto before = tree();
+    const TempDir elsewhere;
+    fs::create_symlink(store.path(), elsewhere / "l");
+    EXPECT_EQ(add_in_another_process(store.path()), kRefused);
+    EXPECT_EQ(add_in_another_process(elsewhere / "l"), kRefused);
+    EXPECT_TRUE(tree() == before);
+    DeliverInter(kTenOClock + 2);
+    KELM_AviFile_RecStop(0, device);
+    const StoredFile file(open_file);
+    file.ExpectComplete();
+    EXPECT_EQ(file.frames.size(), 2U);
+    // It is the other's as soon as this one gives it back, and this one's when the other is gone.
+    EXPECT_EQ(KELM_AviFile_DelRecPartition(store.path().c_str()), 0);
+    EXPECT_EQ(add_in_another_process(store.path()), kAdded);
+    EXPECT_EQ(AddPartition(store.path()), 0);
+    EXPECT_FALSE(fs::exists(Folder() + "095959.avi"));
+}
+
+TEST(OtherProcess, DISABLED_AddsThePartition) {
+    setenv("TZ", "UTC", 1);
+    const std::string root = getenv("RECVAULT_OTHER_STORE");
+    RecPartitionInfo info{};
+    std::strncpy(info.path, root.c_str(), sizeof(info.path) - 1);
+    info.priority = 1;
+    info.rec_space = info.disk_space = 10ULL << 30;
+    ASSERT_EQ(KELM_AviFile_Init(0), 0);
+    const int32_t result = KELM_AviFile_AddRecPartition(&info);
+    if (result == KELM_AVIFILE_OK) _exit(KELM_AviFile_UnInit(0) == 0 ? kAdded : 1);
+    ASSERT_EQ(result, KELM_AVIFILE_FAILED);
+    // It can do nothing there by other ways either.
+    int32_t device = 0;
+    uint64_t used = 0;
+    ASSERT_EQ(KELM_AviFile_CreateDevHandle(&device, "cam"), 0);
+    ASSERT_EQ(KELM_AviFile_RecStart(0, 1, device), 0);
+    const Frame frame = make_frame(kKey, 0, kTenOClock, 0, 1000);
+    KELM_AviFile_DataInput(0, &frame.head, 36, frame.data.data(), 1000, kTenOClock, 0, device);
+    EXPECT_EQ(KELM_AviFile_DelAviFileByName((root + "/avi_av/20261124/cam/channel01/100000.avi").c_str()),
+              KELM_AVIFILE_FAILED);
+    KELM_AviFile_DelAviFiles(KELM_AVIFILE_ALL_CHANNELS, kTenOClock, device);
+    EXPECT_EQ(KELM_AviFile_GetRecUsedSpace(root.c_str(), &used), KELM_AVIFILE_FAILED);
+    if (KELM_AviFile_UnInit(0) == 0 && !HasFailure()) _exit(kRefused);
 }
