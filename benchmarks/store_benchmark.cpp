@@ -377,7 +377,7 @@ void copy_growing(const std::string &root, const Options &options, const std::st
 }
 
 void compare(const Options &options) {
-    require_room(options.folder, kSpareRoom + (uint64_t{options.megabytes} << 22U) + uint64_t{options.days} * (150U << 20U));
+    require_room(options.folder, kSpareRoom + (uint64_t{options.megabytes} << 22U) + uint64_t{options.days} * (180U << 20U));
     const TempFolder store(options.folder);
     const TempFolder files(options.folder);
     const std::string growing = files.path() + "/growing.avi";
@@ -393,7 +393,11 @@ void compare(const Options &options) {
     compare_repair(options, growing);
     const TempFolder small(options.folder);
     run_apart([&] {
-        record(small.path(), 1, 1);
+        const Frames frames(1, 300);
+        Recorder recorder(small.path(), frames);
+        recorder.start();
+        for (uint32_t number = 0; number < kFps; ++number) recorder.deliver(0, is_key(number));
+        recorder.stop();
         return 0;
     });
     compare_store(options, only_file(small.path()));
