@@ -2,8 +2,11 @@
 # Builds the recorder demo and lets it record real media into a new folder. Half way it is killed, and started again on the
 # same folder. ffprobe and ffmpeg then judge each file: its video and audio frames against those delivered, its duration, and
 # whether all of it decodes. Of the files that were open at the kill nothing but the unwritten tail may be missing.
+# Then it uses what was recorded: draws it as lines of text, plays the four cameras in step over midnight, and exports ten
+# seconds into a file of their own.
 #
-#   scripts/demo.sh [--hours H] [--quick]     --hours: recorded time of each camera, 2 by default; takes some 400 MB each
+#   scripts/demo.sh [--hours H] [--quick]     --hours: recorded time of each camera, 2 by default, 0.5 at least; an hour of
+#                                             the four takes some 350 MB
 #                                             --quick: decode the key frames only
 #
 # shellcheck disable=SC2317 # it does not see that xargs calls judge
@@ -17,6 +20,11 @@ while (($# > 0)); do
     case $1 in
         --hours)
             hours=${2:?how many hours?}
+            # What is played has to lie before the kill.
+            if ! awk -v hours="$hours" 'BEGIN { exit !(hours >= 0.5) }'; then
+                echo 'demo.sh: at least half an hour' >&2
+                exit 2
+            fi
             shift
             ;;
         --quick)
@@ -24,7 +32,7 @@ while (($# > 0)); do
             what_decoded='its key frames decode'
             ;;
         *)
-            sed -n '2,8p' "$0" | sed 's/^# \{0,1\}//'
+            sed -n '2,11p' "$0" | sed 's/^# \{0,1\}//'
             exit 2
             ;;
     esac
@@ -33,7 +41,8 @@ done
 
 build_demo() { # folder
     cmake -S . -B "$1" -DCMAKE_BUILD_TYPE=Release -DRECVAULT_BUILD_EXAMPLES=ON &&
-        cmake --build "$1" --target recorder_demo --parallel "$(nproc)"
+        cmake --build "$1" --target recorder_demo timeline_example play_example export_example \
+            --parallel "$(nproc)"
 }
 
 # What ffprobe counts in a file: "video PACKETS SECONDS audio PACKETS", or what it complains about.
@@ -63,7 +72,8 @@ open_at_kill() {
 }
 
 # ffmpeg keeps all pictures until the first sound comes, so that it would take all memory for a file that has lost its sound.
-# The comparison comes first for that reason.
+# The comparison comes first for that reason. The rate of a cut file is a little off, so that two pictures may fall on one
+# tick of the null output, which would complain: of those vfr leaves one out, once both are decoded.
 judge() { # line of the manifest
     local path video audio measured complaints cut=0
     read -r video audio _ _ _ _ _ path <<<"$1"
@@ -71,8 +81,8 @@ judge() { # line of the manifest
     measured=$(measure "$path")
     complaints=$(compare "$measured" "$video" "$audio" "$cut" 2>&1)
     if [[ -z $complaints ]]; then
-        complaints=$(ffmpeg -nostdin -v error -threads 1 -skip_frame "$skip_frame" -i "$path" -f null - 2>&1) ||
-            complaints="cannot be decoded: $complaints"
+        complaints=$(ffmpeg -nostdin -v error -threads 1 -skip_frame "$skip_frame" -i "$path" -fps_mode vfr -f null - 2>&1) ||
+            complaints="ffmpeg ended with exit code $?: $complaints"
     fi
     if [[ -n $complaints ]]; then
         printf 'BAD   %s\n%s\n' "$path" "$(head -n 20 <<<"$complaints" | sed 's/^/      /')"
@@ -101,11 +111,11 @@ judge_folder() {
 
 # The library tells failures in lines that begin so; INFO is the ordinary course of things. An export has nothing for a
 # writer thread to do: the thread says so and ends.
-judge_log() {
+judge_logs() {
     local failures
-    failures=$(cat "$store"/recorder*.log | grep -E -A 1 '^(ERR\.|WARN\.|\[rcvt:)' |
+    failures=$(cat "$store"/*.log | grep -E -A 1 '^(ERR\.|WARN\.|\[rcvt:)' |
         grep -vE '^(\[rcvt: .*kelm_avi_writer::ThreadFunc|INFO\.|--)') || return 0
-    printf '%s:\n%s\n' "$store/recorder*.log" "$(head -n 40 <<<"$failures")" >&2
+    printf '%s:\n%s\n' "$store/*.log" "$(head -n 40 <<<"$failures")" >&2
     return 1
 }
 
@@ -163,6 +173,71 @@ record_and_kill() {
         "$(find "$store" -name '*_idx' | wc -l)"
 }
 
+# Calls an example for the store and its device; what the library logs goes to a file.
+example() { # name arguments...
+    timeout --foreground 300 "build/demo/examples/$1_example" "$store" depot "${@:2}" 2>>"$store/$1.log"
+}
+
+# A time of the library as the examples take it.
+as_text() { # seconds
+    date -u -d "@$1" +%Y-%m-%dT%H:%M:%S
+}
+
+# The days that the recordings lie on, and then the time of the demo alone, in which each camera has its record types and one
+# gap.
+draw_timelines() {
+    local begin end day line n=0
+    begin=$(awk 'NR == 1 || $5 < begin { begin = $5 } END { print begin }' "$store/manifest.txt")
+    end=$(awk '$6 > end { end = $6 } END { print end + 1 }' "$store/manifest.txt")
+    for ((day = begin / 86400 * 86400; day < end; day += 86400)); do
+        draw_timeline "the day $(date -u -d "@$day" +%Y-%m-%d)" "$day" $((day + 86400)) || return 1
+    done
+    draw_timeline 'the recorded time alone' "$begin" "$end" || return 1
+    while read -r _ line; do
+        [[ $line =~ ^${timelines[n++]}$ ]] || return 1
+    done < <(tail -n +2 "$store/timeline.txt")
+    ((n == ${#channels[@]}))
+}
+
+draw_timeline() { # title begin end
+    printf '\n%s\n' "$1"
+    example timeline "$(as_text "$2")" "$(as_text "$3")" "${channels[@]}" | tee "$store/timeline.txt"
+}
+
+# The frames that playback leaves out at the end of a closed file, of which it reads multiples of 4096 bytes.
+left_out() { # path
+    local end
+    end=$(movi_end "$1")
+    ffprobe -v error -show_entries packet=pos,size -of csv=p=0 "$1" |
+        awk -F, -v read=$((end - end % 4096)) '$1 + $2 + 8 > read { ++n } END { print n + 0 }'
+}
+
+# Each camera gives 25 pictures, one of them a key frame, and 25 frames of sound a second, and its file ends at midnight.
+# Channels in step keep within 2 seconds.
+play_in_step() {
+    local begin=$SECONDS channel path frames wrong=0
+    example play "$(as_text $((midnight - 30)))" "$(as_text $((midnight + 29)))" "${channels[@]}" | tee "$store/play.txt" ||
+        return 1
+    printf '60 s played in %d s\n' $((SECONDS - begin))
+    for channel in "${channels[@]}"; do
+        path=$(awk -v end=$((midnight - 1)) -v folder="$(printf '/channel%02d/' $((channel + 1)))" \
+            '$6 == end && index($8, folder) { print $8 }' "$store/manifest.txt")
+        frames=$((60 * 50 - $(left_out "$path")))
+        if ! grep -qxF "channel $channel: $frames frames, 60 of them key frames" "$store/play.txt"; then
+            echo "channel $channel should have had $frames frames, 60 of them key frames"
+            wrong=1
+        fi
+    done
+    grep -qxE 'largest distance between frames of different channels: [0-2] s' "$store/play.txt" && ((wrong == 0))
+}
+
+export_ten_seconds() {
+    local path=$store/ten-seconds.avi time=$((midnight - 300))
+    example export 0 "$(as_text $((time - 5)))" "$(as_text $((time + 4)))" "$path" || return 1
+    judge "250 250 - - - - - $path" || return 1
+    printf '      lasts %s s, decodes without an error\n' "$(measure "$path" | cut -d ' ' -f 3)"
+}
+
 scripts/install-deps.sh demo
 mkdir -p build/logs
 echo 'building the demo into build/demo'
@@ -179,6 +254,15 @@ trap 'printf "The recordings are in %s. Remove them with: rm -r %s\n" "$store" "
 echo "recording into $store"
 
 verdict=0
+complain() { # what is wrong
+    echo "$1" >&2
+    verdict=1
+}
+
+# What recorder_demo records: over which midnight, which channels, and the lines that they give.
+midnight=$(date -u -d 2036-01-01 +%s)
+channels=(0 1 2 8)
+timelines=('1+2+1+[-.]+1+' '1+[-.]+1+' '1+[-.]+1+' '3+[-.]+3+4+')
 record=(build/demo/examples/recorder_demo --store "$store" --hours "$hours" --manifest "$store/manifest.txt")
 if ! record_and_kill; then
     tail -n 20 "$store/recorder-1.log"
@@ -187,14 +271,18 @@ fi
 echo 'starting it again on the same folder'
 "${record[@]}" --log "$store/recorder-2.log" --resume || verdict=1
 printf '\nwhat the kill cost:\n'
-judge_kill || {
-    echo 'more than the unwritten tail is lost' >&2
-    verdict=1
-}
+judge_kill || complain 'more than the unwritten tail is lost'
 printf '\nffprobe counts, ffmpeg decodes:\n'
 judge_folder || verdict=1
-judge_log || verdict=1
 judge_files || verdict=1
+
+printf '\nwhat was recorded when: record types, dots for nothing, dashes for a part of the time\n'
+draw_timelines || complain 'the lines are not what was recorded'
+printf '\nfour cameras in step, a minute around midnight (3000 frames each, but for the last 4 KiB of a file):\n'
+play_in_step || complain 'frames are missing, or the channels are too far apart'
+printf '\nten seconds around 23:55, played into a file of their own:\n'
+export_ten_seconds || complain 'the export is not what was recorded'
+judge_logs || verdict=1
 
 if ((verdict == 0)); then
     printf '\nPASSED: every file holds what was delivered but for the tail that a kill may cost, lasts as long, and %s.\n' "$what_decoded"
