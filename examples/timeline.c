@@ -1,6 +1,6 @@
 /* Draws what was recorded on channels of a device, a line a channel: a digit for the record type, a dot where nothing was
  * recorded, a dash where a part of the time was. Usage: timeline STORE DEVICE FROM TO CHANNEL..., times as in
- * 2030-01-31T12:00:00, at most a day apart. */
+ * 2030-01-31T12:00:00, 96 seconds to a day apart. */
 #include <recvault/recvault.h>
 #include <stdio.h>
 #include <stdlib.h>

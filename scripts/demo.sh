@@ -235,7 +235,7 @@ export_ten_seconds() {
     local path=$store/ten-seconds.avi time=$((midnight - 300))
     example export 0 "$(as_text $((time - 5)))" "$(as_text $((time + 4)))" "$path" || return 1
     judge "250 250 - - - - - $path" || return 1
-    printf '      lasts %s s, decodes without an error\n' "$(measure "$path" | cut -d ' ' -f 3)"
+    printf '      lasts %s s, %s\n' "$(measure "$path" | cut -d ' ' -f 3)" "$what_decoded"
 }
 
 scripts/install-deps.sh demo
