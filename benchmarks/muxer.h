@@ -29,7 +29,7 @@ class Muxers {
 
     void deliver(uint32_t channel, bool key) {
         // The muxer only reads the data; without a buffer behind them it neither keeps nor copies them.
-        m_packet->data = const_cast<uint8_t *>(m_frames.of(channel));
+        m_packet->data = const_cast<uint8_t *>(m_frames.of(channel, key));
         m_packet->size = static_cast<int>(m_frames.bytes());
         m_packet->stream_index = 0;
         m_packet->flags = key ? AV_PKT_FLAG_KEY : 0;

@@ -17,20 +17,22 @@ constexpr size_t kBlock = 64U << 10U;
 
 inline bool is_key(uint32_t number) { return number % kFps == 0; }
 
-// Delivers `seconds` on each channel, as fast as no ring fills.
+// Delivers `seconds` on each channel, as fast as no ring fills. A block that is in the file may still stand in the ring, so
+// that a ring can hold twice what a look at the file lets under way: a burst and what was left before it.
 inline void deliver_seconds(Recorder *recorder, uint32_t seconds) {
+    constexpr uint32_t kBurst = 10;
+    constexpr uint64_t kLeft = 300U << 10U;
+    static_assert(2 * (kLeft + kBurst * (kFrameBytes + kRecordHeadBytes)) < kRingBytes);
     for (uint32_t number = 0; number < seconds * kFps; ++number) {
         for (uint32_t channel = 0; channel < recorder->channels(); ++channel) {
             recorder->deliver(channel, is_key(number));
-            if (number % kFps == kFps - 1) {
-                recorder->wait_until_below(channel, 300U << 10U, std::chrono::microseconds(200));
-            }
+            if (number % kBurst == kBurst - 1) recorder->wait_until_below(channel, kLeft, std::chrono::microseconds(200));
         }
     }
 }
 
-inline void record(const std::string &root, uint32_t channels, uint32_t seconds) {
-    const Frames frames(channels, kFrameBytes);
+inline void record(const std::string &root, uint32_t channels, uint32_t seconds, uint32_t frame_bytes = kFrameBytes) {
+    const Frames frames(channels, frame_bytes);
     Recorder recorder(root, frames);
     recorder.start();
     deliver_seconds(&recorder, seconds);
@@ -40,6 +42,7 @@ inline void record(const std::string &root, uint32_t channels, uint32_t seconds)
     }
 }
 
+// The one file of a store that has one, or any of them.
 inline std::string only_file(const std::string &root) {
     for (const auto &entry : fs::recursive_directory_iterator(root)) {
         if (entry.path().extension() == ".avi") return entry.path();
@@ -70,11 +73,19 @@ inline double median_of(const std::vector<Read> &reads, double Read::*field) {
     return samples.at(0.5);
 }
 
-inline Read demux(const std::string &path) {
-    av_log_set_level(AV_LOG_ERROR);
+// By default libavformat parses the frames of what it demuxes. Quiet: a line about random data would be no cost of demuxing.
+inline AVFormatContext *open_demuxer(const std::string &path, bool parse) {
+    av_log_set_level(AV_LOG_QUIET);
+    AVFormatContext *demuxer = avformat_alloc_context();
+    if (demuxer == nullptr) throw std::bad_alloc();
+    if (!parse) demuxer->flags |= AVFMT_FLAG_NOPARSE;
+    if (avformat_open_input(&demuxer, path.c_str(), nullptr, nullptr) < 0) throw std::runtime_error("no " + path);
+    return demuxer;
+}
+
+inline Read demux(const std::string &path, bool parse = true) {
     return measured([&](Read *read) {
-        AVFormatContext *demuxer = nullptr;
-        if (avformat_open_input(&demuxer, path.c_str(), nullptr, nullptr) < 0) throw std::runtime_error("no " + path);
+        AVFormatContext *demuxer = open_demuxer(path, parse);
         AVPacket *packet = av_packet_alloc();
         while (av_read_frame(demuxer, packet) >= 0) {
             ++read->frames;

@@ -122,26 +122,37 @@ inline void require_room(const std::string &folder, uint64_t bytes) {
 
 // ---- Frames ----
 
-// One frame of random bytes for each channel, behind the start code that an H.264 frame begins with.
+// A key frame and another one for each channel: what an H.264 decoder reads first of 1920 x 1080, and random bytes. Without
+// parameter sets libavformat's parser would reject each frame, and its yardsticks be too cheap or too dear.
 class Frames {
  public:
     Frames(uint32_t channels, uint32_t bytes) : m_bytes(bytes) {
         std::minstd_rand random(channels);
         std::generate_n(std::back_inserter(m_frames), channels, [&] {
-            std::vector<uint8_t> frame(std::max(bytes, 5U));
-            std::generate(frame.begin(), frame.end(), [&] { return static_cast<uint8_t>(random() >> 8U); });
-            std::copy_n(std::array<uint8_t, 5>{0, 0, 0, 1, 0x41}.begin(), 5, frame.begin());
+            std::vector<uint8_t> frame(std::max<size_t>(bytes, kKeyStart.size()));
+            // No zero, and so no start code.
+            std::generate(frame.begin(), frame.end(), [&] { return static_cast<uint8_t>((random() >> 8U) % 255 + 1); });
+            m_keys.push_back(frame);
+            std::copy(kKeyStart.begin(), kKeyStart.end(), m_keys.back().begin());
+            std::copy(kStart.begin(), kStart.end(), frame.begin());
             return frame;
         });
     }
 
     uint32_t channels() const { return static_cast<uint32_t>(m_frames.size()); }
     uint32_t bytes() const { return m_bytes; }
-    const uint8_t *of(uint32_t channel) const { return m_frames[channel].data(); }
+    const uint8_t *of(uint32_t channel, bool key = false) const { return (key ? m_keys : m_frames)[channel].data(); }
 
  private:
+    // Sequence and picture parameter set, and the start of a slice.
+    static constexpr std::array<uint8_t, 48> kKeyStart{
+        0,    0,    0,    1,    0x67, 0x42, 0xC0, 0x28, 0xD9, 0x00, 0x78, 0x02, 0x27, 0xE5, 0xC0, 0x44,
+        0x00, 0x00, 0x03, 0x00, 0x04, 0x00, 0x00, 0x03, 0x00, 0xC8, 0x3C, 0x60, 0xC9, 0x20, 0,    0,
+        0,    1,    0x68, 0xCB, 0x83, 0xCB, 0x20, 0,    0,    0,    1,    0x65, 0x88, 0x84, 0x08, 0x7C};
+    static constexpr std::array<uint8_t, 9> kStart{0, 0, 0, 1, 0x41, 0x9A, 0x38, 0x12, 0xFE};
+
     uint32_t m_bytes;
-    std::vector<std::vector<uint8_t>> m_frames;
+    std::vector<std::vector<uint8_t>> m_keys, m_frames;
 };
 
 // ---- Counters of this process ----
@@ -223,6 +234,8 @@ std::invoke_result_t<Work> run_apart(Work work) {
     const pid_t child = fork();
     if (child == 0) {
         bool sent = false;
+        // What the library prints of damage and of seeks belongs to no table.
+        if (std::freopen("/dev/null", "w", stdout) == nullptr) _exit(1);
         try {
             const Result result = work();
             sent = write(ends[1], &result, sizeof result) == static_cast<ssize_t>(sizeof result);
@@ -340,8 +353,8 @@ class Recorder {
     }
     int32_t hand_over(uint32_t channel) const {
         const FrameHead &head = m_heads[channel];
-        return KELM_AviFile_DataInput(channel, &head, sizeof head, m_frames.of(channel), head.length, head.seconds,
-                                      head.microseconds, device());
+        return KELM_AviFile_DataInput(channel, &head, sizeof head, m_frames.of(channel, head.type == 1), head.length,
+                                      head.seconds, head.microseconds, device());
     }
     void deliver(uint32_t channel, bool key) {
         prepare(channel, key);
