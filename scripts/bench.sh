@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds the release preset and runs the benchmarks that docs/performance.md tells of, one after the other. Takes some eight
-# minutes and up to 4 GiB in FOLDER; everything written there is removed. Leave the machine alone meanwhile.
+# Builds the release preset and runs the benchmarks that docs/performance.md tells of, one after the other. Takes over ten
+# minutes and up to 6 GiB in FOLDER, where 10 must be free; everything written there is removed. Leave the machine alone
+# meanwhile.
 #
 #   scripts/bench.sh [SECONDS [FOLDER]]
 #       SECONDS  real time for each contestant of the pace benchmark, 60 by default
