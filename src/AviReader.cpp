@@ -65,7 +65,7 @@ void CAviReader::Reset() RCVT_NO_ANALYSIS {
     m_read_list.clear();
     m_cur_name.clear();
     m_seg_btime = m_seg_etime = m_seek_time = 0;
-    m_bFileEnd = m_bFileUsedUp = false;
+    m_bFileEnd = m_bFileUsedUp = m_bLive = false;
     m_read_mode = kelm_avi_reader::kAllFrames;
     m_key_skip = 0;
     DropFrame();
@@ -169,6 +169,7 @@ void CAviReader::SetReadMode(int32_t mode, int32_t key_skip, uint32_t rec_type) 
 }
 
 void CAviReader::SetPaused(bool paused) {
+    if (!m_bStarted) return;
     {
         const CAutoMutex lock(&m_frame_mutex);
         m_bPaused = paused;
@@ -278,6 +279,7 @@ void CAviReader::InsertSegments(const RecFileNode &file) {
     int32_t count = kMaxSegments;
     if (recording().GetRecSegInfo(file.channel, file.rec_file_path, entries.data(), &count) != KELM_AVIFILE_OK) return;
     const int64_t last = m_range.end_time != 0 ? m_range.end_time : kLastTime;
+    auto inserted = m_read_list.end();
     for (int32_t i = 0; i < count; ++i) {
         const auto [rec_type, first_sec, last_sec] = entries[static_cast<size_t>(i)];
         RecFileNode element = file;
@@ -285,7 +287,13 @@ void CAviReader::InsertSegments(const RecFileNode &file) {
         element.begin_sec = std::max(int64_t{first_sec}, m_range.begin_time);
         element.end_sec = std::min(int64_t{last_sec}, last);
         if (element.begin_sec > element.end_sec || (rec_type & m_range.rec_type) == 0) continue;
-        m_read_list.insert(element);
+        // Stretches that begin in one second, as the range may cut them, are one element: path and begin tell it.
+        if (inserted != m_read_list.end() && inserted->begin_sec == element.begin_sec) {
+            element.type |= inserted->type;
+            element.end_sec = std::max(element.end_sec, inserted->end_sec);
+            m_read_list.erase(inserted);
+        }
+        inserted = m_read_list.insert(element);
     }
 }
 
@@ -351,6 +359,7 @@ bool CAviReader::IsTimeInFile(const std::string &path, int64_t time) const {
 // ---- Opening ----
 
 void CAviReader::SetCurFile(const std::string &path, int64_t begin, int64_t end) {
+    if (path != m_cur_name) m_bLive = false;
     m_cur_name = path;
     m_seg_btime = begin;
     m_seg_etime = end;
@@ -389,6 +398,15 @@ int32_t CAviReader::OpenFileByTime(int64_t time) {
     int64_t begin = 0;
     int64_t end = 0;
     std::string path = GetFileNameByTime(time, &begin, &end);
+    if (path.empty() && m_range.follow_live && !m_read_list.empty()) {
+        // Ahead of a recording that is followed: to its live end.
+        const RecFileNode &last = *m_read_list.rbegin();
+        if (recording().IsWriting(m_range.dev_idx, m_nChannel, last.rec_file_path)) {
+            path = last.rec_file_path;
+            begin = last.begin_sec;
+            time = end = last.end_sec;
+        }
+    }
     while (!path.empty()) {
         if (path != m_cur_name || !m_avi_reader.is_opened()) {
             CloseFile();
@@ -485,6 +503,7 @@ CAviReader::Delivery CAviReader::DeliverPending() {
 // The file work of a pass. False when a frame is still pending, so that nothing was read.
 bool CAviReader::FindFrame(Pass *pass) {
     if (m_seek_time > 0) {
+        m_bFileUsedUp = false;
         OpenFileByTime(m_seek_time);
         m_seek_time = 0;
         ClearFrame();
@@ -521,6 +540,7 @@ void CAviReader::ReadFrame(Pass *pass) {
     read();
     if (pass->result != KELM_AVIFILE_END_OF_DATA || !m_range.follow_live) return;
     pass->wait = IsBeingRecorded();
+    m_bLive = m_bLive || pass->wait;
     if (!pass->wait) read();  // what the recorder wrote between the first look and its close
 }
 
@@ -540,25 +560,24 @@ void CAviReader::Judge(Pass *pass) {
 }
 
 // A frame behind the end of the element: does it belong to what is played? It may lie in a later element of the same file,
-// which is then entered where the reader stands, so that no frame is left out or comes twice. At the end of the list a
-// recording that is followed has gone on since its table was read. A frame behind the range ends the following.
+// which is then entered where the reader stands, so that no frame is left out or comes twice; elements that end before it
+// have been passed. A recording that is followed has gone on since its table was read. A frame behind the range ends the
+// following.
 bool CAviReader::EnterElementOf(int64_t time) {
     auto next = FindBehind(m_cur_name, m_seg_btime);
-    if (next == m_read_list.end()) {
-        if (!m_range.follow_live) return false;
-        if (m_range.end_time == 0 || time <= m_range.end_time) {
-            m_seg_etime = time;
-            return true;
-        }
-        UpdateRecFileLst();
-        m_range.follow_live = false;
-        return false;
-    }
-    for (; next != m_read_list.end() && m_cur_name == next->rec_file_path; ++next) {
-        if (time < next->begin_sec || time > next->end_sec) continue;
+    for (; next != m_read_list.end() && m_cur_name == next->rec_file_path && next->begin_sec <= time; ++next) {
         SetCurFile(m_cur_name, next->begin_sec, next->end_sec);
+        if (time <= next->end_sec) return true;
+    }
+    m_bLive = m_bLive || next == m_read_list.end() || (m_range.follow_live && IsBeingRecorded());
+    if (!m_range.follow_live || !m_bLive) return false;
+    if (m_range.end_time == 0 || time <= m_range.end_time) {
+        m_seg_etime = time;
         return true;
     }
+    UpdateRecFileLst();
+    m_range.follow_live = false;
+    m_bFileUsedUp = true;
     return false;
 }
 

@@ -154,6 +154,7 @@ class CAviReader {
     int64_t m_seg_etime RCVT_GUARDED_BY(m_read_mutex) = 0;     // and its last; it grows while a recording is followed
     bool m_bFileEnd RCVT_GUARDED_BY(m_read_mutex) = false;     // that element is used up,
     bool m_bFileUsedUp RCVT_GUARDED_BY(m_read_mutex) = false;  // and with it its file: later elements of it were played
+    bool m_bLive RCVT_GUARDED_BY(m_read_mutex) = false;        // the file has grown since its table was read
     int64_t m_seek_time RCVT_GUARDED_BY(m_read_mutex) = 0;     // a seek that waits for the thread; 0 for none
     int32_t m_read_mode RCVT_GUARDED_BY(m_read_mutex) = kelm_avi_reader::kAllFrames;
     int32_t m_key_skip RCVT_GUARDED_BY(m_read_mutex) = 0;

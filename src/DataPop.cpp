@@ -34,6 +34,10 @@ int32_t CDataPop::CheckState(const LogPlace &place, bool changes_set) const {
     return result;
 }
 
+CAviReader *CDataPop::MainReader() {
+    return m_main_slot == kNoSlot ? nullptr : &m_readers[static_cast<size_t>(m_main_slot)];
+}
+
 PopRange CDataPop::Range() {
     const CAutoMutex lock(&m_chan_mutex);
     return m_range;
@@ -85,6 +89,7 @@ int32_t CDataPop::DataPopChanDel(int32_t channel) {
     const int32_t checked = CheckState(RCVT_HERE, true);
     if (checked != KELM_AVIFILE_OK) return checked;
     CAviReader *const slot = FindChannel(channel);
+    if (slot != nullptr && slot == MainReader()) m_main_slot = kNoSlot;
     // A reader that was not started says so, and leaves all the same.
     if (slot != nullptr && slot->StopRead() == KELM_AVIFILE_OK) return KELM_AVIFILE_OK;
     LOG_TRACE();
@@ -139,7 +144,10 @@ int32_t CDataPop::StartReaders() {
     for_each_channel([&](CAviReader &reader) {
         if (!reader.IsStarted()) {
             reader.SetReadParam(range);
-            if (reader.StartRead(m_listener, m_bSync) != KELM_AVIFILE_OK) return;
+            if (reader.StartRead(m_listener, m_bSync) != KELM_AVIFILE_OK) {
+                if (&reader == MainReader()) m_main_slot = kNoSlot;
+                return;
+            }
         }
         any = true;
     });
@@ -158,9 +166,7 @@ void CDataPop::DataPopInitClock() {
     for_each_channel([&](CAviReader &reader) {
         if (reader.GetSegBeginTime(&begin) == KELM_AVIFILE_OK && (earliest == 0 || begin < earliest)) earliest = begin;
     });
-    if (m_main_slot != kNoSlot && m_readers[static_cast<size_t>(m_main_slot)].GetSegBeginTime(&begin) == KELM_AVIFILE_OK) {
-        earliest = begin;
-    }
+    if (MainReader() != nullptr && MainReader()->GetSegBeginTime(&begin) == KELM_AVIFILE_OK) earliest = begin;
     const CAutoMutex lock(&m_chan_mutex);
     if (m_cur_time == 0) m_cur_time = earliest;
 }
@@ -258,23 +264,22 @@ int32_t CDataPop::ThreadFunc(uint32_t) {
     int64_t earliest = 0;
     int64_t main_time = 0;
     bool main_plays = false;
-    for (int32_t slot = 0; slot < kMaxPopChannels; ++slot) {
-        CAviReader &reader = m_readers[static_cast<size_t>(slot)];
-        if (!reader.IsAssigned() || !reader.IsStarted()) continue;
+    for_each_channel([&](CAviReader &reader) RCVT_REQUIRES(m_chan_mutex) {
+        if (!reader.IsStarted()) return;
         FrameHead head{};
         const int32_t shown = reader.GetCurFrameHead(&head);
-        if (shown == KELM_AVIFILE_NOT_FOUND) continue;  // finished or waiting
+        if (shown == KELM_AVIFILE_NOT_FOUND) return;  // finished or waiting
         ++active;
-        if (slot == m_main_slot) main_plays = true;
-        if (shown != KELM_AVIFILE_OK) continue;
+        if (&reader == MainReader()) main_plays = true;
+        if (shown != KELM_AVIFILE_OK) return;
         ++frames;
         const int64_t time = head.seconds;
-        if (slot == m_main_slot) main_time = time;
+        if (&reader == MainReader()) main_time = time;
         if (earliest == 0 || time < earliest) earliest = time;
         reader.SetFrameState(time > m_cur_time + kBand   ? FrameState::hold
                              : time < m_cur_time - kBand ? FrameState::drop
                                                          : FrameState::release);
-    }
+    });
     const int64_t reference = main_plays ? main_time : earliest;
     if (reference > 0 && (active == 1 || active == frames)) m_cur_time = reference;
     return 0;

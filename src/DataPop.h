@@ -69,6 +69,7 @@ class CDataPop {
     void DataPopInitClock();
     void SeekReaders(int64_t time);
     PopRange Range();
+    CAviReader *MainReader();
     CAviReader *FindChannel(int32_t channel);
     template <class Visit>
     void for_each_channel(Visit visit);
@@ -76,7 +77,7 @@ class CDataPop {
     std::array<CAviReader, kMaxPopChannels> m_readers;  // the slots; one is in use while its reader is assigned
     CThread<CDataPop> m_thread;
     State m_state = State::none;
-    int32_t m_main_slot = kNoSlot;  // of the channel given at creation
+    int32_t m_main_slot = kNoSlot;  // of the channel given at creation, while that is in it
     int64_t m_seek_time = 0;        // a seek that the next start carries out; 0 for none
     PopListener m_listener;
     bool m_bSync = true;

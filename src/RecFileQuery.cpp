@@ -34,9 +34,8 @@ void CRecFileQuery::ReadDay(int64_t day) {
 int32_t CRecFileQuery::GetNextRecFile(RecFileInfo *info) {
     while (m_cursor == m_files.end()) {
         if (m_next_day > m_last_day) return KELM_AVIFILE_NOT_FOUND;
-        const int64_t day = m_next_day;
+        ReadDay(m_next_day);
         m_next_day += kSecondsPerDay;
-        ReadDay(day);
     }
     *info = {};
     copy_text(info->file_path, m_cursor->rec_file_path);

@@ -215,6 +215,21 @@ TEST_F(Playback, FollowsALiveRecording) {
         EXPECT_EQ(player.Frames(static_cast<int32_t>(channel)), recorded[channel]);
         EXPECT_EQ(player.Events(static_cast<int32_t>(channel), POP_EVENT_END), 0);
     }
+    {  // A seek ahead of what is recorded goes to the live end.
+        ASSERT_EQ(KELM_AviFile_RecStart(3, 1, device), 0);
+        PutSeconds(3, kTenOClock + 100, 40);
+        Player player(device, 3, kTenOClock, 0);
+        ASSERT_EQ(KELM_AviFile_DataPopStart(player.handle), 0);
+        ASSERT_TRUE(player.WaitForFrames(150));
+        player.Forget();
+        ASSERT_EQ(KELM_AviFile_DataPopTimeSeek(player.handle, kTenOClock + 9000), 0);
+        ASSERT_TRUE(player.WaitForFrames(1));
+        PutSeconds(3, kTenOClock + 140, 40);
+        KELM_AviFile_RecStop(3, device);
+        ASSERT_TRUE(wait_until([&] { return player.Frames(3).back() == recorded[3].back(); }));
+        EXPECT_EQ(between(player.Frames(3), kTenOClock + 140, kTenOClock + 179),
+                  between(recorded[3], kTenOClock + 140, kTenOClock + 179));
+    }
     // One that follows up to a second in the future ends there.
     Player player(device, 2, kTenOClock, kTenOClock + 20, false, 1);
     ASSERT_EQ(KELM_AviFile_DataPopStart(player.handle), 0);
@@ -222,6 +237,31 @@ TEST_F(Playback, FollowsALiveRecording) {
     PutSeconds(2, kTenOClock, 30);
     ASSERT_TRUE(player.WaitForEnd({2}));
     EXPECT_EQ(player.Frames(2), between(recorded[2], kTenOClock, kTenOClock + 20));
+}
+
+// The type of a recording changes within a second, and again within the next one, and there the range begins.
+TEST_F(Playback, PlaysTheSecondOfAChangeOnce) {
+    const uint32_t t = kTenOClock;
+    for (const int32_t mode : {0, 1}) {
+        const auto channel = static_cast<uint32_t>(mode);
+        std::unique_ptr<Player> player;
+        const auto play = [&] {
+            player = std::make_unique<Player>(device, channel, t + 10, t + 20, false, mode);
+            EXPECT_EQ(KELM_AviFile_DataPopStart(player->handle), 0);
+        };
+        if (mode == 1) play();
+        for (uint32_t sec = t; sec < t + 40; ++sec) {
+            for (uint32_t i = 0; i < 4; ++i) {
+                const bool changes = i == 2 && (sec == t + 10 || sec == t + 11);
+                if ((sec == t && i == 0) || changes) KELM_AviFile_RecStart(channel, sec == t + 10 ? 2 : 1, device);
+                Put(channel, i == 0 || changes ? kKey : kInter, sec, i * 250000);
+            }
+        }
+        ASSERT_EQ(KELM_AviFile_RecStop(channel, device), 0);
+        if (mode == 0) play();
+        ASSERT_TRUE(player->WaitForEnd({mode}));
+        EXPECT_EQ(player->Frames(mode), between(recorded[channel], t + 10, t + 20));
+    }
 }
 
 TEST_F(Playback, SeeksLandNearTheirTarget) {
@@ -353,6 +393,8 @@ TEST_F(Playback, AnswersByItsState) {
     // Stopped.
     EXPECT_EQ(KELM_AviFile_DataPopStop(h), 0);
     EXPECT_EQ(KELM_AviFile_DataPopChanAdd(h, 2), 0);
+    EXPECT_EQ(KELM_AviFile_DataPopStart(h), 0) << "the new channel stays silent";
+    EXPECT_EQ(KELM_AviFile_DataPopStop(h), 0);
     EXPECT_EQ(KELM_AviFile_DataPopChanDel(h, 2), KELM_AVIFILE_FAILED) << "it had not been started";
     EXPECT_EQ(KELM_AviFile_DataPopChanDel(h, 1), 0);
     EXPECT_EQ(KELM_AviFile_DataPopStart(h), 0);
@@ -400,6 +442,20 @@ TEST_F(Playback, EndsWithEveryCallbackReturned) {
         }
         for (size_t i = 0; i < players.size(); ++i) EXPECT_EQ(players[i]->Count(), counts[i]);
     }
+}
+
+TEST_F(Playback, SeeksPastAFileThatVanished) {
+    Record(0, kTenOClock, 20);
+    Record(0, kTenOClock + 100, 20);
+    const Recorded second = between(Playable(0), kTenOClock + 100, kTenOClock + 119);
+    Player player(device, 0, kTenOClock, kTenOClock + 1000);
+    ASSERT_TRUE(player.PlayToEnd({0}));
+    EXPECT_EQ(KELM_AviFile_DelAviFileByName(Files()[0].c_str()), 0);
+    player.Forget();
+    EXPECT_EQ(KELM_AviFile_DataPopTimeSeek(player.handle, kTenOClock + 5), 0);
+    ASSERT_TRUE(player.WaitForFrames(1));
+    ASSERT_TRUE(player.WaitForEnd({0}));
+    EXPECT_EQ(player.Frames(0), second);
 }
 
 // Damage in the middle of a file, a file that is none any more, one that is deleted: an application sees a gap.

@@ -275,11 +275,15 @@ RECVAULT_API int32_t KELM_AviFile_DataPopRecTypeDel(uint32_t handle, uint32_t nR
  *   KELM_AVIFILE_FAILED           no record type was added, or no channel has data */
 RECVAULT_API int32_t KELM_AviFile_DataPopStart(uint32_t handle);
 
-/* Pauses a playback where it stands. A playback that does not run is no failure.
+/* Pauses a playback where it stands: no frame goes out before the next start, but for one of each channel whose callback is
+ * already on its way. A playback that does not run is no failure.
  *   KELM_AVIFILE_BAD_HANDLE  handle not in 1 to 32 */
 RECVAULT_API int32_t KELM_AviFile_DataPopStop(uint32_t handle);
 
-/* Moves a playback to a time, given in seconds; returns at once. The first frames come from within 2 seconds of it.
+/* Moves a playback to a time, given in seconds; returns at once. Nothing from before the move goes out any more, but for one
+ * frame of each channel whose callback is already on its way. The first key frames come from within 2 seconds of the time,
+ * or from the first recording behind it; a playback that follows goes to the live end at most. While it does not run, the
+ * next start carries the move out.
  *   KELM_AVIFILE_BAD_HANDLE, KELM_AVIFILE_NOT_RUNNING  as above */
 RECVAULT_API int32_t KELM_AviFile_DataPopTimeSeek(uint32_t handle, int64_t time);
 

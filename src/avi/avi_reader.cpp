@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cinttypes>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -239,7 +240,7 @@ kelm_avi_reader::Look kelm_avi_reader::look(Filter *filter, int64_t *current_siz
         FrameRecHead head{};
         std::memcpy(&head, span_begin(), sizeof(head));
         if (!kelm_avi::is_frame_head(head)) {
-            log_print(" =============== invalid frame head =======================\n");
+            std::printf(" =============== invalid frame head =======================\n");
             m_data_buf_len -= static_cast<int32_t>(sizeof(kFccJunk));
             continue;
         }
@@ -266,11 +267,11 @@ bool kelm_avi_reader::fast_find_node() {
     uint8_t *const end = begin + m_data_buf_len;
     uint8_t *const found = std::search(begin, end, std::begin(kMark), std::end(kMark));
     if (found == end) {
-        if (m_data_buf_len > 0) log_print("not find frame head, data_len = %d ==================\n", m_data_buf_len);
+        if (m_data_buf_len > 0) std::printf("not find frame head, data_len = %d ==================\n", m_data_buf_len);
         m_data_buf_len = std::min<int32_t>(m_data_buf_len, sizeof(kMark) - 1);
         return false;
     }
-    if (found != begin) log_print("fast_find_node, head_pos = %d\n", static_cast<int32_t>(found - begin));
+    if (found != begin) std::printf("fast_find_node, head_pos = %d\n", static_cast<int32_t>(found - begin));
     m_data_buf_len = static_cast<int32_t>(end - found);
     return true;
 }
@@ -322,7 +323,7 @@ bool kelm_avi_reader::make_room(int64_t rest, int32_t *load_size) {
     if (kBufferSize - offset - m_data_buf_len < std::max<int64_t>(rest, kLoadUnit)) offset = 0;
     const int64_t room = kBufferSize - offset - m_data_buf_len;
     if (room < std::max<int64_t>(rest, 1)) {
-        log_print("clear all data, offset+m_data_buf_len+read_len = %d, offset+m_data_buf_len+remain_frame_len = %d\n",
+        std::printf("clear all data, offset+m_data_buf_len+read_len = %d, offset+m_data_buf_len+remain_frame_len = %d\n",
                     offset + m_data_buf_len + *load_size, static_cast<int32_t>(offset + m_data_buf_len + rest));
         m_data_buf_len = m_data_end = 0;
         return false;
@@ -389,6 +390,12 @@ int64_t kelm_avi_reader::search_side_file(platform::File *side, int64_t t) {
     constexpr int64_t kSize = sizeof(FrameIdxRec);
     int64_t low = 0;
     int64_t high = side->Seek(0, platform::SeekFrom::end) / kSize - 1;
+    // A time up to 2 seconds behind the first key frame is found at that, as in the table: nothing at the begin is left out.
+    FrameIdxRec first{};
+    side->Seek(0, platform::SeekFrom::begin);
+    while (read_struct(side, &first) && first.index.flags != kIndexKeyFlag) {
+    }
+    if (first.index.flags == kIndexKeyFlag && first.frame.second >= t - kTolerance) return first.frame.position;
     int64_t best = 0;
     int64_t best_diff = kFarAway;
     while (low < high) {
@@ -429,6 +436,10 @@ int64_t kelm_avi_reader::search_file(int64_t t) {
     int64_t high = indexed ? m_idx1_pos : file_end;
     int64_t low_index = 0;
     int64_t high_index = m_idx1_cnt - 1;
+    FrameRecHead first{};
+    int64_t first_key = 0;
+    m_head_stream.Seek(low, platform::SeekFrom::begin);
+    if (find_frame_type(FrameKind::key, &first_key, &first) && first.frame.seconds >= t - kTolerance) return first_key;
     for (;;) {
         int64_t candidate = low + (high - low) / 2;
         int64_t index = -1;
