@@ -23,7 +23,8 @@ std::shared_ptr<LookOptions> add_look_options(CLI::App *command) {
     command->add_option("--device", filter.device, "Only this device");
     command->add_option("--channel", filter.channel, "Only this channel, numbered from 0: the folder channel01 is channel 0")
         ->check(CLI::Range(0, 1023));
-    command->add_option("--day", filter.day, "Only this day, as in 2026-11-25")->check(CLI::Validator(to_day_name, "DAY"));
+    command->add_option("--day", filter.day, "Only this day, as in 2026-11-25")
+        ->transform(CLI::Validator(to_day_name, "DAY"));
     command->add_option("--type", filter.type, "Only this record type, 1 to 7")->check(CLI::Range(1, 7));
     command->add_flag("--json", options->json, "Print JSON, for programs");
     return options;

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <fstream>
 #include <map>
+#include <numeric>
 #include <string_view>
 
 #include "command.h"
@@ -99,7 +100,7 @@ std::string cells_of(const Lane &lane) {
     std::string text;
     for (const auto &cell : filled) {
         const auto most = std::max_element(cell.begin(), cell.end());
-        const int64_t sum = std::min(kCell, std::max<int64_t>(*most, 0));
+        const int64_t sum = std::accumulate(cell.begin(), cell.end(), int64_t{0});
         const char type = static_cast<char>('0' + (most - cell.begin()));
         text += sum == 0 ? ' ' : sum * 2 >= kCell ? type : '.';
     }
