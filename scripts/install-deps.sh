@@ -1,18 +1,19 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that a task needs, where they are missing.
 #
-#   scripts/install-deps.sh GROUP...     groups: test, demo, bench
+#   scripts/install-deps.sh GROUP...     groups: test, tools, demo, bench
 set -euo pipefail
 
 packages_of() {
     case $1 in
         build) echo gcc g++ cmake make ninja-build pkg-config ;;
-        test) echo "$(packages_of build)" libgtest-dev libgmock-dev clang-14 clang-format-14 clang-tidy-14 ;;
+        test) echo "$(packages_of build)" libgtest-dev libgmock-dev clang-14 clang-format-14 clang-tidy-14 "$(packages_of tools)" ;;
+        tools) echo libcli11-dev libfmt-dev nlohmann-json3-dev ;;
         media) echo libavformat-dev libavcodec-dev libavutil-dev ;;
         demo) echo "$(packages_of build)" "$(packages_of media)" libcli11-dev ffmpeg ;;
         bench) echo "$(packages_of build)" "$(packages_of media)" libbenchmark-dev libcli11-dev libsqlite3-dev ffmpeg ;;
         *)
-            echo "install-deps.sh: no group '$1' (test, demo, bench)" >&2
+            echo "install-deps.sh: no group '$1' (test, tools, demo, bench)" >&2
             return 1
             ;;
     esac

@@ -8,7 +8,7 @@
 
 #include <algorithm>
 #include <chrono>
-#include <iterator>
+#include <functional>
 #include <map>
 #include <set>
 #include <thread>
@@ -165,65 +165,83 @@ struct Look {
     std::map<std::string, std::string> states;
 };
 
-template <class Work>
-Look look(const Work &work) {
-    Look result;
-    work(&result);
-    for (const Finding &finding : result.findings) result.states.emplace(finding.path, state_of(finding.path));
-    std::sort(result.findings.begin(), result.findings.end());
-    return result;
+// A folder or a single file.
+struct Subject {
+    std::function<Totals(Findings *)> look_at;
+    Look look;
+};
+
+Look look_at(const Subject &subject) {
+    Look look;
+    look.totals = subject.look_at(&look.findings);
+    for (const Finding &finding : look.findings) look.states.emplace(finding.path, state_of(finding.path));
+    std::sort(look.findings.begin(), look.findings.end());
+    return look;
 }
 
-template <class Work>
-Look look_twice(const Work &work) {
+// Keeps what this look finds as the last one did. True when that is all: nothing is changing.
+bool look_again(Subject *subject) {
+    Look &last = subject->look;
+    Look next = look_at(*subject);
+    Findings lasting;
+    for (const Finding &finding : next.findings) {
+        if (last.states[finding.path] == next.states[finding.path] &&
+            std::binary_search(last.findings.begin(), last.findings.end(), finding))
+            lasting.push_back(finding);
+    }
+    const bool settled = lasting.size() == next.findings.size();
+    last = std::move(next);
+    return settled;
+}
+
+void look_twice(std::vector<Subject> *subjects) {
     constexpr auto kMoment = std::chrono::milliseconds(700);  // an opening, a close or a deletion takes far less
     constexpr int kTries = 10;
-    Look last = look(work);
-    for (int i = 0; i < kTries && !last.findings.empty(); ++i) {
-        std::this_thread::sleep_for(kMoment);
-        Look next = look(work);
-        Findings lasting;
-        for (const Finding &finding : next.findings) {
-            if (last.states[finding.path] == next.states[finding.path] &&
-                std::binary_search(last.findings.begin(), last.findings.end(), finding))
-                lasting.push_back(finding);
-        }
-        const bool settled = lasting.size() == next.findings.size();
-        last = std::move(next);
-        // What goes on changing is not judged.
-        if (settled || i + 1 == kTries) last.findings = std::move(lasting);
-        if (settled) break;
+    std::vector<Subject *> doubtful;
+    const Progress progress;
+    for (Subject &subject : *subjects) {
+        progress.show(fmt::format("{} of {} looked at", &subject - subjects->data(), subjects->size()));
+        subject.look = look_at(subject);
+        if (!subject.look.findings.empty()) doubtful.push_back(&subject);
     }
-    return last;
+    for (int i = 0; i < kTries && !doubtful.empty(); ++i) {
+        std::this_thread::sleep_for(kMoment);
+        std::erase_if(doubtful, look_again);
+    }
+    for (Subject *subject : doubtful) subject->look.findings.clear();  // what goes on changing is not judged
 }
 
 // ---- The command ----
 
 void check_store(const std::string &root, Findings *findings, Totals *totals) {
-    const Progress progress;
     const auto stray = [findings](const fs::path &path, const char *what) {
         findings->push_back({path.string(), fmt::format("{}-folder", what), fmt::format("is no {} folder", what),
                              "move it elsewhere: a recorder may remove it"});
     };
-    for (const ChannelFolder &folder : channel_folders(root, {}, stray)) {
-        progress.show(folder.path.string());
-        Look seen = look_twice([&folder](Look *look) { look->totals = FolderCheck(folder, &look->findings).run(); });
-        findings->insert(findings->end(), seen.findings.begin(), seen.findings.end());
-        totals->files += seen.totals.files;
-        totals->unfinished += seen.totals.unfinished;
+    const std::vector<ChannelFolder> folders = channel_folders(root, {}, stray);
+    std::vector<Subject> subjects;
+    for (const ChannelFolder &folder : folders)
+        subjects.push_back({[&folder](Findings *found) { return FolderCheck(folder, found).run(); }, {}});
+    look_twice(&subjects);
+    for (const Subject &subject : subjects) {
+        findings->insert(findings->end(), subject.look.findings.begin(), subject.look.findings.end());
+        totals->files += subject.look.totals.files;
+        totals->unfinished += subject.look.totals.unfinished;
     }
 }
 
 void check_single_file(const fs::path &path, Findings *findings, Totals *totals) {
     if (!Source(path).is_open()) throw Failure(path.string() + " cannot be read: run this as a user who may read it");
-    Look seen = look_twice([&path](Look *look) {
+    std::vector<Subject> subjects(1);
+    subjects[0].look_at = [&path](Findings *found) {
         std::error_code error;
         const bool unfinished = fs::exists(side_path(path), error);
-        look->totals = {1, unfinished ? 1U : 0U};
-        check_record_file(path, unfinished, false, &look->findings);
-    });
-    *findings = std::move(seen.findings);
-    *totals = seen.totals;
+        check_record_file(path, unfinished, false, found);
+        return Totals{1, unfinished ? 1U : 0U};
+    };
+    look_twice(&subjects);
+    *findings = std::move(subjects[0].look.findings);
+    *totals = subjects[0].look.totals;
 }
 
 void print_findings(const Findings &findings, const Totals &totals) {

@@ -43,7 +43,17 @@ Days lanes_of(const std::vector<Recording> &files, const std::string &only_day) 
     Days days;
     for (auto &[key, segments] : lanes) {
         std::sort(segments.begin(), segments.end(), [](auto &a, auto &b) { return a.begin < b.begin; });
-        days[std::get<0>(key)].push_back({std::get<1>(key), std::get<2>(key), std::move(segments)});
+        std::vector<Segment> joined;
+        for (const Segment &segment : segments) {
+            const bool goes_on =
+                !joined.empty() && joined.back().types == segment.types && segment.begin <= joined.back().end + 1;
+            if (goes_on) {
+                joined.back().end = std::max(joined.back().end, segment.end);
+            } else {
+                joined.push_back(segment);
+            }
+        }
+        days[std::get<0>(key)].push_back({std::get<1>(key), std::get<2>(key), std::move(joined)});
     }
     return days;
 }
