@@ -7,9 +7,10 @@
 
 int main(int argc, char **argv) {
     using namespace recvault_tool;
-    CLI::App app("Looks at the store of a video recorder, checks it, records into it and takes recordings out.\n"
-                 "Times are local wall-clock times, as in 2026-11-25T14:30:00.",
-                 "recvault");
+    CLI::App app(
+        "Looks at the store of a video recorder, checks it, records into it and takes recordings out.\n"
+        "Times are local wall-clock times, as in 2026-11-25T14:30:00.",
+        "recvault");
     app.require_subcommand(1);
 #if defined(RECVAULT_TOOL_LOOK)
     add_ls(app);
