@@ -15,27 +15,6 @@ void touch(const std::string &path, const std::string &content = "x") {
 
 }  // namespace
 
-TEST(Stream, RefusesWhatItsDirectionForbids) {
-    const TempDir dir;
-    const std::string path = dir / "file";
-    char data[4] = {};
-    CFileIO file;
-    EXPECT_EQ(file.open_file(nullptr, 2, true), KELM_AVIFILE_BAD_ARGUMENT);
-    EXPECT_EQ(file.open_file(path.c_str(), CFileIO::kReadUpdate, true), KELM_AVIFILE_FAILED);
-    EXPECT_EQ(file.seek_file(0, SeekFrom::begin), KELM_AVIFILE_FAILED);
-    EXPECT_EQ(file.tell_file(), 0);
-    ASSERT_EQ(file.open_file(path.c_str(), CFileIO::kWriteCreate, true), 0);
-    EXPECT_EQ(file.write_file("abcdef", 6), 6);
-    EXPECT_EQ(file.read_file(data, 1), KELM_AVIFILE_FAILED);
-    EXPECT_EQ(file.close_file(), 0);
-    EXPECT_EQ(file.close_file(), KELM_AVIFILE_FAILED);
-    ASSERT_EQ(file.open_file(path.c_str(), CFileIO::kReadUpdate, true), 0);
-    EXPECT_EQ(file.write_file("x", 1), KELM_AVIFILE_FAILED);
-    EXPECT_EQ(file.seek_file(-3, SeekFrom::end), 3);
-    EXPECT_EQ(file.read_file(data, 4), 3);
-    EXPECT_EQ(std::string(data, 3), "def");
-}
-
 // Every mix of reads, writes and seeks through a small buffer gives what it gives without one.
 TEST(Stream, BufferedGivesWhatUnbufferedGives) {
     const TempDir dir;
@@ -94,18 +73,6 @@ TEST(Paths, OfAPartitionAreNormalisedEvenWhereTheyAreRefused) {
     EXPECT_FALSE(CFileManager::file_path_valid(nullptr));
 }
 
-TEST(Paths, GiveTheirNames) {
-    char name[6] = "xxxxx";
-    EXPECT_EQ(CFileManager::get_fname_by_path("D:/a/b.avi", name, sizeof(name)), 0);
-    EXPECT_STREQ(name, "b.avi");
-    EXPECT_EQ(CFileManager::get_fname_by_path("D:/a/b.avi", name, 5), KELM_AVIFILE_FAILED);
-    EXPECT_STREQ(name, "");
-    EXPECT_EQ(CFileManager::get_fname_by_path("D:/a/", name, sizeof(name)), KELM_AVIFILE_FAILED);
-    for (const char *no : {".avi", "a.AVI", "a.avi_idx"}) EXPECT_FALSE(CFileManager::is_avi_file(no));
-    EXPECT_FALSE(CFileManager::is_avi_file(nullptr));
-    EXPECT_TRUE(CFileManager::is_avi_file("a.avi"));
-}
-
 TEST(Folders, AreMadeDownToTheLast) {
     const TempDir dir;
     EXPECT_EQ(CFileManager::create_file_dir((dir / "a/b/").c_str()), 0);
@@ -123,23 +90,6 @@ TEST(Folders, AreMadeDownToTheLast) {
     fs::create_directory("Q:");
     EXPECT_EQ(CFileManager::create_file_dir("Q:/a/b"), 0);
     fs::current_path(before);
-}
-
-TEST(Finder, FiltersByKindAndEnding) {
-    const TempDir dir;
-    touch(dir / "one.avi", "12345");
-    touch(dir / "two.txt");
-    fs::create_directories(dir / "folder.avi");
-    std::vector<std::string> files;
-    EXPECT_TRUE(for_each_entry((dir / "*.avi").c_str(), false, [&](const FileFindEntry &entry) {
-        files.push_back(std::string(entry.name) + " " + std::to_string(entry.size));
-    }));
-    EXPECT_THAT(files, testing::ElementsAre("one.avi 5"));
-    std::vector<std::string> folders;
-    EXPECT_TRUE(
-        for_each_entry(dir.path().c_str(), true, [&](const FileFindEntry &entry) { folders.push_back(entry.name); }));
-    EXPECT_THAT(folders, testing::ElementsAre("folder.avi"));
-    EXPECT_FALSE(for_each_entry((dir / "none").c_str(), true, [](const FileFindEntry &) {}));
 }
 
 TEST(Deletion, PrunesTheTreeAsFarAsNoRecordingIsLeft) {

@@ -41,6 +41,12 @@ std::vector<Call> bad_calls() {
             return KELM_AviFile_GetRecSegList(channel, begin, end, type, &list, &count, dev);
         };
     };
+    const auto device = [](const char *name) {
+        return [=] {
+            int32_t number = 0;
+            return KELM_AviFile_CreateDevHandle(&number, name);
+        };
+    };
     uint32_t *const none = nullptr;
     return {
         {"init twice", KELM_AVIFILE_ALREADY_RUNNING, [] { return KELM_AviFile_Init(0); }},
@@ -53,41 +59,13 @@ std::vector<Call> bad_calls() {
              return KELM_AviFile_GetRecUsedSpace("/none", &n);
          }},
         {"device null", kBadArgument, [] { return KELM_AviFile_CreateDevHandle(nullptr, "x"); }},
-        {"device without name", kBadArgument,
-         [] {
-             int32_t n;
-             return KELM_AviFile_CreateDevHandle(&n, "");
-         }},
-        {"device named dot", kBadArgument,
-         [] {
-             int32_t n;
-             return KELM_AviFile_CreateDevHandle(&n, ".");
-         }},
-        {"device named dots", kBadArgument,
-         [] {
-             int32_t n;
-             return KELM_AviFile_CreateDevHandle(&n, "..");
-         }},
-        {"device with slash", kBadArgument,
-         [] {
-             int32_t n;
-             return KELM_AviFile_CreateDevHandle(&n, "a/b");
-         }},
-        {"device with backslash", kBadArgument,
-         [] {
-             int32_t n;
-             return KELM_AviFile_CreateDevHandle(&n, "a\\b");
-         }},
-        {"device again", KELM_AVIFILE_EXISTS,
-         [] {
-             int32_t n;
-             return KELM_AviFile_CreateDevHandle(&n, "cam");
-         }},
-        {"device that contains it", KELM_AVIFILE_EXISTS,
-         [] {
-             int32_t n;
-             return KELM_AviFile_CreateDevHandle(&n, "xcam2");
-         }},
+        {"device without name", kBadArgument, device("")},
+        {"device named dot", kBadArgument, device(".")},
+        {"device named dots", kBadArgument, device("..")},
+        {"device with slash", kBadArgument, device("a/b")},
+        {"device with backslash", kBadArgument, device("a\\b")},
+        {"device again", KELM_AVIFILE_EXISTS, device("cam")},
+        {"device that contains it", KELM_AVIFILE_EXISTS, device("xcam2")},
         {"release 256", kBadHandle, [] { return KELM_AviFile_ReleaseDevHandle(256); }},
         {"release -1", kBadHandle, [] { return KELM_AviFile_ReleaseDevHandle(-1); }},
         {"release free number", 0, [] { return KELM_AviFile_ReleaseDevHandle(9); }},

@@ -96,40 +96,11 @@ TEST_F(Index, GoesWithItsLastFileAndLeavesNoTornRecord) {
     EXPECT_FALSE(fs::exists(dir / "avi_av"));
 }
 
-TEST_F(Index, WritesItsPathsForAnyChannel) {
-    index.set_vlist_fname("D:/avi_av/20161111");
-    char path[256];
-    EXPECT_EQ(index.get_nodeidx_fname("cam01", 0, path, sizeof(path)), 0);
-    EXPECT_STREQ(path, "D:/avi_av/20161111/cam01/channel01/rec_index.bin");
-    EXPECT_EQ(index.get_nodeidx_fname("", 1023, path, sizeof(path)), 0);
-    EXPECT_STREQ(path, "D:/avi_av/20161111/channel1024/rec_index.bin");
-    EXPECT_EQ(index.get_nodeidx_fname("cam01", 0, path, 48), KELM_AVIFILE_FAILED);
-    EXPECT_EQ(index.get_nodeidx_fname("cam01", 0, path, 49), 0);
-    EXPECT_EQ(CRecIndex::get_nodeidxz_fname("noslash.avi", path, sizeof(path)), KELM_AVIFILE_FAILED);
-    EXPECT_EQ(CRecIndex::get_recfile_full_path("D:/a/rec_index.bin", "b.avi", path, sizeof(path)), 0);
-    EXPECT_STREQ(path, "D:/a/b.avi");
-    EXPECT_EQ(index.set_vlist_fname(nullptr), KELM_AVIFILE_BAD_ARGUMENT);
-}
-
 TEST(Partition, KeepsAReserveByItsSize) {
     const std::pair<uint64_t, uint64_t> sizes[] = {
         {64 * kMiB - 1, 64 * kMiB}, {64 * kMiB, 64 * kMiB / 15 + 5 * kMiB},  {kGiB, kGiB / 15 + 5 * kMiB},
         {kGiB + 26, 1 + 70 * kMiB}, {50 * kGiB, 49 * kGiB / 26 + 70 * kMiB}, {50 * kGiB + 100, 1 + 2 * kGiB}};
     for (const auto &[space, reserve] : sizes) EXPECT_EQ(CDisk::CalcReserveSpace(space), reserve) << space;
-}
-
-TEST(Partition, LimitsItsFilesToAQuarter) {
-    const TempDir dir;
-    for (const auto &[space, limit] : {std::pair(64 * kMiB, 32 * kMiB), {kGiB, 256 * kMiB}, {100 * kGiB, kGiB}}) {
-        CDisk disk;
-        ASSERT_EQ(disk.Initialize(0, {space, space, 0, 1}, (dir / "avi_av/").c_str()), 0);
-        EXPECT_EQ(disk.GetMaxRecFileSize(), limit);
-        disk.Destroy();
-    }
-    CDisk disk;
-    EXPECT_EQ(disk.Initialize(0, {0, 0, 0, 1}, (dir / "avi_av/").c_str()), KELM_AVIFILE_BAD_ARGUMENT);
-    EXPECT_EQ(disk.Initialize(24, {1, 1, 0, 1}, (dir / "avi_av/").c_str()), KELM_AVIFILE_BAD_ARGUMENT);
-    EXPECT_EQ(disk.Initialize(0, {1, 1, 0, 1}, nullptr), KELM_AVIFILE_BAD_ARGUMENT);
 }
 
 // The counter is the sum of the sizes in the records, whatever happens to the files.

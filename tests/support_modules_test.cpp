@@ -6,40 +6,11 @@
 #include "HandleDispather.h"
 #include "Log.h"
 #include "Mutex.h"
-#include "RecType.h"
 #include "Thread.h"
 #include "support.h"
 
 using namespace kelm_recvault;
 using namespace recvault_tests;
-
-TEST(Mutex, LivesBetweenCreateAndClose) {
-    CMutex mutex(LockRank::channel);
-    EXPECT_NE(log_of([&] { EXPECT_EQ(mutex.Wait(), KELM_AVIFILE_NOT_CREATED); }).find("mutex not create\n"),
-              std::string::npos);
-    EXPECT_EQ(mutex.Create(), 0);
-    EXPECT_EQ(mutex.Create(), KELM_AVIFILE_EXISTS);
-    EXPECT_EQ(mutex.Close(), 0);
-    EXPECT_EQ(mutex.Close(), KELM_AVIFILE_NOT_CREATED);
-    EXPECT_EQ(mutex.Create(), 0);
-}
-
-TEST(Mutex, StaysHeldUntilReleasedAsOftenAsTaken) {
-    CMutex mutex(LockRank::channel);
-    mutex.Create();
-    mutex.Wait();
-    mutex.Wait();
-    mutex.Release();
-    std::atomic<bool> taken{false};
-    std::thread other([&] {
-        const CAutoMutex lock(&mutex);
-        taken = true;
-    });
-    EXPECT_FALSE(taken);
-    mutex.Release();
-    other.join();
-    EXPECT_TRUE(taken);
-}
 
 #if !defined(NDEBUG)
 TEST(MutexDeathTest, AssertsTheOrderOfLocks) {
@@ -65,17 +36,6 @@ struct Worker {
 };
 
 }  // namespace
-
-TEST(Thread, CallsItsOwnerAgainAndAgainUntilStopped) {
-    Worker worker;
-    CThread<Worker> thread;
-    EXPECT_EQ(thread.Stop(), KELM_AVIFILE_NOT_RUNNING);
-    EXPECT_EQ(thread.Start(nullptr, 0, 0, "test"), KELM_AVIFILE_BAD_ARGUMENT);
-    ASSERT_EQ(thread.Start(&worker, 1, 0, "test"), 0);
-    EXPECT_EQ(thread.Start(&worker, 1, 0, "test"), KELM_AVIFILE_ALREADY_RUNNING);
-    EXPECT_TRUE(wait_until([&] { return worker.calls > 3; }));
-    EXPECT_EQ(thread.Stop(), 0);
-}
 
 TEST(Thread, ThatEndedByItselfStillWantsItsStop) {
     Worker worker;
@@ -188,22 +148,4 @@ TEST(Log, NamesItsPlaceInOneForm) {
         function_form(pretty, text, sizeof(text));
         EXPECT_STREQ(text, plain);
     }
-}
-
-TEST(Log, CutsATextThatIsTooLong) {
-    const std::string text(5000, 'x');
-    EXPECT_EQ(log_of([&] { log_print("%s", text.c_str()); }), text.substr(0, 1024));
-}
-
-TEST(RecordTypes, TranslateBothWays) {
-    for (int32_t number = 1; number <= 7; ++number) {
-        EXPECT_EQ(mask_to_rectype(rectype_to_mask(number)), static_cast<uint32_t>(number));
-    }
-    EXPECT_EQ(rectype_to_mask(8), 0x7FU);
-    EXPECT_EQ(rectype_to_mask(0), 1U);
-    EXPECT_EQ(rectype_to_mask(9), 1U);
-    EXPECT_EQ(mask_to_rectype(0x06), 2U);
-    EXPECT_EQ(mask_to_rectype(0x7F), 1U);
-    EXPECT_EQ(mask_to_rectype(0x80), 1U);
-    EXPECT_EQ(mask_to_rectype(0), 1U);
 }
