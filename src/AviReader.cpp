@@ -401,7 +401,7 @@ int32_t CAviReader::OpenFileByTime(int64_t time) {
     if (path.empty() && m_range.follow_live && !m_read_list.empty()) {
         // Ahead of a recording that is followed: to its live end.
         const RecFileNode &last = *m_read_list.rbegin();
-        if (recording().IsWriting(m_range.dev_idx, m_nChannel, last.rec_file_path)) {
+        if (IsWriting(last.rec_file_path)) {
             path = last.rec_file_path;
             begin = last.begin_sec;
             time = end = last.end_sec;
@@ -424,6 +424,8 @@ int32_t CAviReader::OpenFileByTime(int64_t time) {
             break;
         }
         LOG_TRACE();
+        // A recording that has just begun, and has no key frame on the disk yet, is read from where it was opened.
+        if (m_range.follow_live && IsWriting(path)) break;
         time = end + 1;
         path = GetFileNameByTime(time, &begin, &end);
     }
@@ -531,7 +533,9 @@ int32_t CAviReader::OpenNextElement() {
     return KELM_AVIFILE_NOT_FOUND;
 }
 
-bool CAviReader::IsBeingRecorded() { return recording().IsWriting(m_range.dev_idx, m_nChannel, m_cur_name.c_str()); }
+bool CAviReader::IsWriting(const std::string &path) const {
+    return recording().IsWriting(m_range.dev_idx, m_nChannel, path.c_str());
+}
 
 void CAviReader::ReadFrame(Pass *pass) {
     const auto read = [this, pass]() RCVT_REQUIRES(m_read_mutex) {
@@ -539,7 +543,7 @@ void CAviReader::ReadFrame(Pass *pass) {
     };
     read();
     if (pass->result != KELM_AVIFILE_END_OF_DATA || !m_range.follow_live) return;
-    pass->wait = IsBeingRecorded();
+    pass->wait = IsWriting(m_cur_name);
     m_bLive = m_bLive || pass->wait;
     if (!pass->wait) read();  // what the recorder wrote between the first look and its close
 }
@@ -554,7 +558,7 @@ void CAviReader::Judge(Pass *pass) {
     } else if (pass->result == KELM_AVIFILE_END_OF_DATA && !pass->wait) {
         pass->at_end = m_bFileUsedUp = true;
     } else if (pass->result == KELM_AVIFILE_NOT_FOUND) {
-        pass->wait = m_range.follow_live && IsBeingRecorded();
+        pass->wait = m_range.follow_live && IsWriting(m_cur_name);
         pass->at_end = !pass->wait;
     }
 }
@@ -569,7 +573,7 @@ bool CAviReader::EnterElementOf(int64_t time) {
         SetCurFile(m_cur_name, next->begin_sec, next->end_sec);
         if (time <= next->end_sec) return true;
     }
-    m_bLive = m_bLive || next == m_read_list.end() || (m_range.follow_live && IsBeingRecorded());
+    m_bLive = m_bLive || next == m_read_list.end() || (m_range.follow_live && IsWriting(m_cur_name));
     if (!m_range.follow_live || !m_bLive) return false;
     if (m_range.end_time == 0 || time <= m_range.end_time) {
         m_seg_etime = time;

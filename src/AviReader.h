@@ -129,7 +129,7 @@ class CAviReader {
     void ReadFrame(Pass *pass) RCVT_REQUIRES(m_read_mutex);
     void Judge(Pass *pass) RCVT_REQUIRES(m_read_mutex);
     bool EnterElementOf(int64_t time) RCVT_REQUIRES(m_read_mutex);
-    bool IsBeingRecorded() RCVT_REQUIRES(m_read_mutex);
+    bool IsWriting(const std::string &path) const RCVT_REQUIRES(m_read_mutex);
     void MakePending(const Pass &pass, ReadStatus status) RCVT_REQUIRES(m_read_mutex);
     bool IsFramePending();
     int32_t PauseAfter(const Pass &pass, const Delivery &delivered) const;

@@ -259,12 +259,13 @@ int32_t CDataPop::DataPopGetDataSize(uint64_t *size) {
 // reader that plays has shown one, so that after a seek no fast channel runs away.
 int32_t CDataPop::ThreadFunc(uint32_t) {
     const CAutoMutex lock(&m_chan_mutex);
+    const int64_t now = m_cur_time;
     int32_t active = 0;
     int32_t frames = 0;
     int64_t earliest = 0;
     int64_t main_time = 0;
     bool main_plays = false;
-    for_each_channel([&](CAviReader &reader) RCVT_REQUIRES(m_chan_mutex) {
+    for_each_channel([&](CAviReader &reader) {
         if (!reader.IsStarted()) return;
         FrameHead head{};
         const int32_t shown = reader.GetCurFrameHead(&head);
@@ -276,9 +277,9 @@ int32_t CDataPop::ThreadFunc(uint32_t) {
         const int64_t time = head.seconds;
         if (&reader == MainReader()) main_time = time;
         if (earliest == 0 || time < earliest) earliest = time;
-        reader.SetFrameState(time > m_cur_time + kBand   ? FrameState::hold
-                             : time < m_cur_time - kBand ? FrameState::drop
-                                                         : FrameState::release);
+        reader.SetFrameState(time > now + kBand   ? FrameState::hold
+                             : time < now - kBand ? FrameState::drop
+                                                  : FrameState::release);
     });
     const int64_t reference = main_plays ? main_time : earliest;
     if (reference > 0 && (active == 1 || active == frames)) m_cur_time = reference;
