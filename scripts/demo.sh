@@ -165,6 +165,11 @@ record_and_kill() {
         kill -0 "$recorder" 2>/dev/null || return 1
         sleep 0.1
     done
+    # The files that ended at midnight are finished first, so that the kill meets those alone that are being written.
+    until (($(find "$store" -name '*_idx' | wc -l) == ${#channels[@]})); do
+        kill -0 "$recorder" 2>/dev/null || return 1
+        sleep 0.1
+    done
     sleep "$((RANDOM % 3 + 2)).$((RANDOM % 90 + 10))"
     kill -KILL "$recorder"
     wait "$recorder" 2>/dev/null || true
@@ -209,7 +214,7 @@ left_out() { # path
     local end
     end=$(movi_end "$1")
     ffprobe -v error -show_entries packet=pos,size -of csv=p=0 "$1" |
-        awk -F, -v read=$((end - end % 4096)) '$1 + $2 + 8 > read { ++n } END { print n + 0 }'
+        awk -F, -v read=$((end - end % 4096)) '$1 + $2 > read { ++n } END { print n + 0 }'
 }
 
 # Each camera gives 25 pictures, one of them a key frame, and 25 frames of sound a second, and its file ends at midnight.
