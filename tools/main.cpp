@@ -17,13 +17,13 @@ int main(int argc, char **argv) {
     add_days(app);
     add_timeline(app);
     add_check(app);
-    add_rescue(app);
 #endif
-#if defined(RECVAULT_TOOL_MEDIA)
+    add_rescue(app);
+#if defined(RECVAULT_TOOL_RECORD)
     add_record(app);
+#endif
     add_export(app);
     add_play(app);
-#endif
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {

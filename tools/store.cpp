@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <bit>
 #include <charconv>
+#include <chrono>
 #include <cstring>
 #include <ctime>
 
@@ -446,6 +447,18 @@ std::tm fields_of(int64_t second) {
 
 }  // namespace
 
+int64_t parse_time(const std::string &text) {
+    int year = 0, hour = 0, minute = 0, second = 0, used = 0;
+    unsigned month = 0, day = 0;
+    const int fields =
+        std::sscanf(text.c_str(), "%4d-%2u-%2u%*1[T ]%2d:%2d:%2d%n", &year, &month, &day, &hour, &minute, &second, &used);
+    const std::chrono::year_month_day date{std::chrono::year(year), std::chrono::month(month), std::chrono::day(day)};
+    const bool valid = fields == 6 && static_cast<size_t>(used) == text.size() && date.ok() && hour >= 0 && hour <= 23 &&
+                       minute >= 0 && minute <= 59 && second >= 0 && second <= 59;
+    if (!valid) throw Failure(fmt::format("'{}' is no time: give it as in 2026-11-25T14:30:00", text));
+    return std::chrono::sys_days(date).time_since_epoch() / std::chrono::seconds(1) + hour * 3600 + minute * 60 + second;
+}
+
 std::string iso_time(int64_t second) { return fmt::format("{:%Y-%m-%dT%H:%M:%S}", fields_of(second)); }
 std::string clock_time(int64_t second) { return fmt::format("{:%H:%M:%S}", fields_of(second)); }
 std::string day_of(int64_t second) { return fmt::format("{:%Y%m%d}", fields_of(second)); }
@@ -474,12 +487,14 @@ std::vector<int> type_list(uint32_t mask) {
 
 std::string type_text(uint32_t mask) { return fmt::format("{}", fmt::join(type_list(mask), ",")); }
 
-Progress::Progress() : m_terminal(isatty(STDERR_FILENO) == 1) {}
+Progress::Progress(std::FILE *terminal) : m_terminal(isatty(fileno(terminal)) == 1 ? terminal : nullptr) {}
 
 Progress::~Progress() { show(""); }
 
 void Progress::show(const std::string &text) const {
-    if (m_terminal) fmt::print(stderr, "\r\x1b[K{}", text.substr(text.size() - std::min<size_t>(text.size(), 76)));
+    if (m_terminal == nullptr) return;
+    fmt::print(m_terminal, "\r\x1b[K{}", text.substr(text.size() - std::min<size_t>(text.size(), 76)));
+    std::fflush(m_terminal);
 }
 
 }  // namespace recvault_tool

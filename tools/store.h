@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -175,6 +176,7 @@ fs::path side_path(const fs::path &record_file);
 std::vector<Recording> recordings(const std::vector<std::string> &stores, const Filter &filter);
 
 // Wall clock, ISO 8601.
+int64_t parse_time(const std::string &text);  // throws a Failure
 std::string iso_time(int64_t second);
 std::string clock_time(int64_t second);  // hh:mm:ss
 std::string iso_day(const std::string &day);
@@ -187,14 +189,14 @@ std::vector<int> type_list(uint32_t mask);
 // A line on a terminal that tells how far the work is; elsewhere nothing.
 class Progress {
  public:
-    Progress();
+    explicit Progress(std::FILE *terminal = stderr);
     ~Progress();
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;
     void show(const std::string &text) const;
 
  private:
-    bool m_terminal;
+    std::FILE *m_terminal;  // null when it is none
 };
 
 }  // namespace recvault_tool
