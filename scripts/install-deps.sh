@@ -7,8 +7,11 @@ set -euo pipefail
 packages_of() {
     case $1 in
         build) echo gcc g++ cmake make ninja-build pkg-config ;;
-        test) echo "$(packages_of build)" libgtest-dev libgmock-dev clang-14 clang-format-14 clang-tidy-14 "$(packages_of tools)" ;;
-        tools) echo libcli11-dev libfmt-dev nlohmann-json3-dev ;;
+        test)
+            echo "$(packages_of build)" libgtest-dev libgmock-dev clang-14 clang-format-14 clang-tidy-14 "$(packages_of tools)" \
+                ffmpeg chromium python3-gi gir1.2-gst-rtsp-server-1.0 gstreamer1.0-plugins-good
+            ;;
+        tools) echo "$(packages_of build)" "$(packages_of media)" libcli11-dev libfmt-dev nlohmann-json3-dev ;;
         media) echo libavformat-dev libavcodec-dev libavutil-dev ;;
         demo) echo "$(packages_of build)" "$(packages_of media)" libcli11-dev ffmpeg ;;
         bench) echo "$(packages_of build)" "$(packages_of media)" libbenchmark-dev libcli11-dev libsqlite3-dev ffmpeg ;;

@@ -100,22 +100,6 @@ size_t record_pos(const std::string &side, size_t number) { return at<uint32_t>(
 
 }  // namespace
 
-TEST_F(AviReader, GivesBackWhatWasWritten) {
-    Record();
-    const auto expected = WithoutTail(static_cast<int64_t>(StoredFile(path).movi_end));
-    ASSERT_GT(expected.size(), 30U);
-    EXPECT_EQ(ReadAll(path), expected);
-    EXPECT_EQ(ReadAll(path, 3, 0, 2).size(), 0U);
-    std::vector<uint32_t> keys;
-    for (const auto &frame : ReadAll(path, kelm_avi_reader::kKeyFrames)) keys.push_back(frame.number);
-    EXPECT_THAT(keys, testing::ElementsAre(0, 5, 10, 15));
-    keys.clear();
-    for (const auto &frame : ReadAll(path, kelm_avi_reader::kKeyFrames, 2)) keys.push_back(frame.number);
-    EXPECT_THAT(keys, testing::ElementsAre(10));
-    for (const auto &frame : ReadAll(path, kelm_avi_reader::kAudioFrames)) EXPECT_EQ(frame.type, kAudio);
-    for (const auto &frame : ReadAll(path, kelm_avi_reader::kVideoFrames)) EXPECT_NE(frame.type, kAudio);
-}
-
 TEST_F(AviReader, ReadsFramesThatFillItsBufferAndPassesOverThemUnread) {
     Record(true, 3, 500000);
     const auto expected = WithoutTail(static_cast<int64_t>(StoredFile(path).movi_end));

@@ -92,24 +92,6 @@ TEST_F(SaveAs, ByNameTakesThePathAsItStands) {
     EXPECT_EQ(StoredFile(dir / "none/clip.avi").frames.size(), 1U);
 }
 
-TEST_F(SaveAs, HasThirtyTwoHandlesAndChecksThem) {
-    uint32_t handle = 0;
-    for (uint32_t i = 1; i <= 32; ++i) {
-        ASSERT_EQ(KELM_AviFile_SaveStart(&handle, (dir / "x.avi").c_str()), 0);
-        EXPECT_EQ(handle, i);
-    }
-    EXPECT_EQ(KELM_AviFile_SaveStart(&handle, (dir / "x.avi").c_str()), KELM_AVIFILE_NO_SLOT);
-    EXPECT_EQ(KELM_AviFile_SaveStop(7), 0);
-    EXPECT_EQ(KELM_AviFile_SaveStop(7), KELM_AVIFILE_NOT_RUNNING);
-    EXPECT_EQ(Key(7, 100), KELM_AVIFILE_NOT_RUNNING);
-    EXPECT_EQ(KELM_AviFile_SaveStart(&handle, (dir / "x.avi").c_str()), 0);
-    EXPECT_EQ(handle, 7U);
-    std::ofstream(dir / "file") << "x";
-    EXPECT_EQ(KELM_AviFile_SaveStart(&handle, (dir / "file/folder").c_str()), KELM_AVIFILE_BAD_ARGUMENT);
-    const std::string long_path = dir / (std::string(240, 'x') + ".avi");
-    EXPECT_EQ(KELM_AviFile_SaveStart_ByName(&handle, long_path.c_str()), KELM_AVIFILE_BAD_ARGUMENT);
-}
-
 TEST_F(SaveAs, MayBeUsedAndStoppedFromSeveralThreads) {
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {

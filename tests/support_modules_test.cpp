@@ -130,22 +130,3 @@ TEST(TimeBase, ShowsTheWallClockOfItsZone) {
     EXPECT_EQ(fields.year, 2106);
     EXPECT_EQ(CGlobalObject::gmtime_utc(INT64_MAX, &fields), KELM_AVIFILE_FAILED);
 }
-
-TEST(Log, NamesItsPlaceInOneForm) {
-    char text[160];
-    for (const char *file : {"/home/u/src/recvault/src/avi/avi_writer.cpp", "../src/avi/avi_writer.cpp"}) {
-        source_form(file, text, sizeof(text));
-        EXPECT_STREQ(text, ".\\src\\avi\\avi_writer.cpp");
-    }
-    const std::pair<const char *, const char *> functions[] = {
-        {"int32_t KELM_AviFile_Init(uint32_t)", "KELM_AviFile_Init"},
-        {"kelm_recvault::CAutoMutex::CAutoMutex(kelm_recvault::CMutex*)", "kelm_recvault::CAutoMutex::CAutoMutex"},
-        {"int32_t kelm_recvault::CThread<T>::Start(T*, int) [with T = std::pair<int, int>]",
-         "kelm_recvault::CThread<T>::Start"},
-        {"std::map<int, int> *kelm_recvault::f(void (*)(int))", "kelm_recvault::f"},
-        {"bool kelm_recvault::(anonymous namespace)::g(const char *)", "kelm_recvault::(anonymous namespace)::g"}};
-    for (const auto &[pretty, plain] : functions) {
-        function_form(pretty, text, sizeof(text));
-        EXPECT_STREQ(text, plain);
-    }
-}

@@ -1,7 +1,7 @@
-// The subcommands of `recvault` that look at a store, run as a user runs them.
+// The command `recvault`, run as a user runs it; what it took and gave is held against ffmpeg and Chromium.
 #include "support.h"
 
-#if defined(RECVAULT_TOOL_LOOK)
+#if defined(RECVAULT_TOOL)
 
 #include <sys/wait.h>
 
@@ -17,15 +17,43 @@ struct Outcome {
     std::string out;
 };
 
-Outcome tool(const std::string &arguments) {
+Outcome run(const std::string &command) {
     Outcome run{-1, {}};
-    FILE *pipe = popen((RECVAULT_TOOL_LOOK " " + arguments + " 2>&1").c_str(), "r");
+    FILE *pipe = popen((command + " 2>&1").c_str(), "r");
     if (pipe == nullptr) return run;
     char block[4096];
     for (size_t count; (count = fread(block, 1, sizeof(block), pipe)) > 0;) run.out.append(block, count);
     run.code = WEXITSTATUS(pclose(pipe));
     return run;
 }
+
+Outcome tool(const std::string &arguments) { return run(RECVAULT_TOOL " " + arguments); }
+
+// A program beside the test, which ends with it.
+class Child {
+ public:
+    explicit Child(const std::string &command) : m_pid(fork()) {
+        if (m_pid != 0) return;
+        execl("/bin/sh", "sh", "-c", ("exec " + command).c_str(), nullptr);
+        _exit(127);
+    }
+    ~Child() {
+        if (m_pid > 0) End(SIGKILL);
+    }
+    Child(const Child &) = delete;
+    Child &operator=(const Child &) = delete;
+
+    int End(int signal) {
+        int status = 0;
+        kill(m_pid, signal);
+        waitpid(m_pid, &status, 0);
+        m_pid = 0;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+ private:
+    pid_t m_pid;
+};
 
 void write_file(const std::string &path, const std::string &bytes) {
     std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
@@ -178,6 +206,120 @@ TEST_F(Tool, RescueKeepsEachWholeFrameBeforeACut) {
         EXPECT_EQ(read_file(cuts / name), kept.second) << name;
     }
     EXPECT_EQ(tool("rescue --out " + (store / "avi_av") + names).code, 1);
+}
+
+// What a page is without its colours nobody would want to look at: each lane shows as a bar, on a light page and on a dark
+// one.
+TEST_F(Tool, TimelineIsReadableInABrowser) {
+    ASSERT_EQ(KELM_AviFile_RecStart(0, 1, device), 0);
+    for (uint32_t second = 0; second < 3600; second += 5) DeliverKey(kTenOClock + second, 0, 100);
+    Stop();
+    for (int channel = 2; channel <= 64; ++channel)
+        fs::copy(Folder(), Folder() + "../channel" + (channel < 10 ? "0" : "") + std::to_string(channel));
+    const std::string page = store / "page.html", shot = store / "page.png";
+    ASSERT_EQ(tool("timeline " + store.path() + " --html " + page).code, 0);
+    struct Look {
+        const char *option, *paper, *bar;
+    };
+    for (const Look &look : {Look{"1", "\xff\xff\xff", "\x2f\x6f\xde"}, Look{"0", "\x14\x17\x1b", "\x6e\xa3\xff"}}) {
+        const Outcome seen = run(std::string("chromium --headless --no-sandbox --disable-gpu --hide-scrollbars "
+                                             "--window-size=1300,1400 --blink-settings=preferredColorScheme=") +
+                                 look.option + " --screenshot=" + shot + " file://" + page);
+        ASSERT_EQ(seen.code, 0) << seen.out;
+        const std::string pixels = run("ffmpeg -v error -i " + shot + " -f rawvideo -pix_fmt rgb24 -").out;
+        ASSERT_EQ(pixels.size(), 1300U * 1400 * 3);
+        const auto is = [&](int x, int y, const char *colour) { return pixels.compare((y * 1300 + x) * 3, 3, colour) == 0; };
+        EXPECT_TRUE(is(2, 2, look.paper));
+        int most = 0;  // bars, from top to bottom
+        for (int x = 0; x < 1300; ++x) {
+            int bars = 0;
+            for (int y = 150; y < 1400; ++y) bars += is(x, y, look.bar) && !is(x, y - 1, look.bar) ? 1 : 0;
+            most = std::max(most, bars);
+        }
+        EXPECT_EQ(most, 64);
+    }
+}
+
+class ToolMedia : public testing::Test {
+ protected:
+    static std::string Hash(const std::string &path, const std::string &filter = "null") {
+        const std::string transport = path.starts_with("rtsp:") ? "-rtsp_transport tcp " : "";
+        return run("ffmpeg -v error " + transport + "-i " + path + " -map 0:v -c copy -bsf:v " + filter +
+                   " -f streamhash -hash md5 -")
+            .out;
+    }
+    static std::string Pictures(const std::string &path) {
+        return run("ffprobe -v error -count_packets -select_streams v -show_entries stream=nb_read_packets -of csv=p=0 " +
+                   path)
+            .out;
+    }
+    Outcome Record(const std::string &arguments) const {
+        return tool("record --device gate --store " + store + " " + arguments);
+    }
+    Outcome Export(const std::string &range, const std::string &out) const {
+        return tool("export --store " + store + " " + range + " " + out);
+    }
+
+    const TempDir dir;
+    const std::string store = dir / "store";
+    const std::string media = std::string(RECVAULT_SOURCE_DIR) + "/examples/media/";
+    const std::string noon = "--from 2026-11-20T12:00:00 --to 2026-11-20T12:20:00 ";
+};
+
+TEST_F(ToolMedia, GivesBackWhatItTook) {
+    const std::string ten = dir / "ten.mov", other = dir / "other.avi", annex_b = "h264_mp4toannexb";
+    ASSERT_EQ(run("ffmpeg -v error -f lavfi -i testsrc2=size=160x120:rate=25 -f lavfi -i sine=sample_rate=8000 -t 600 -g 50 "
+                  "-sc_threshold 0 -c:v libx264 -preset ultrafast -c:a pcm_alaw " +
+                  ten)
+                  .code,
+              0);
+    ASSERT_EQ(run("ffmpeg -v error -f lavfi -i testsrc2=size=160x120:rate=25 -t 1 -c:v mpeg4 " + other).code, 0);
+    const std::vector<std::string> inputs = {media + "480x270.h264", media + "640x360.h264", media + "480x270.mjpeg", ten};
+    const Outcome refused = Record(ten + " " + other);
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_THAT(refused.out, testing::HasSubstr("other.avi has pictures in mpeg4"));
+    EXPECT_FALSE(fs::exists(store));
+
+    const Outcome recorded =
+        Record("--begin 2026-11-20T12:00:00 " + inputs[0] + " " + inputs[1] + " " + inputs[2] + " " + ten);
+    ASSERT_EQ(recorded.code, 0) << recorded.out;
+    EXPECT_THAT(recorded.out, testing::ContainsRegex("channel 3 ended .*25.0 fps .* 15000 pictures 0 dropped "));
+    EXPECT_THAT(tool("check " + store).out, testing::HasSubstr("4 files, 0 findings\n"));
+    for (size_t channel = 0; channel < inputs.size(); ++channel) {
+        const std::string out = dir / (std::to_string(channel) + ".avi");
+        ASSERT_EQ(Export(noon + "--channel " + std::to_string(channel), out).code, 0);
+        EXPECT_EQ(Pictures(out), Pictures(inputs[channel]));
+        EXPECT_EQ(Hash(out), Hash(inputs[channel], channel == 2 ? "null" : annex_b)) << inputs[channel];
+    }
+    const std::string part = dir / "part.avi";
+    const std::string two_minutes = "--from 2026-11-20T12:02:00 --to 2026-11-20T12:04:00 --channel 3 ";
+    EXPECT_EQ(Export(two_minutes, part).code, 0);
+    EXPECT_EQ(Pictures(part), "3000\n");
+    EXPECT_EQ(Hash(part), Hash(ten, annex_b + ",noise=drop='lt(n\\,3000)+gte(n\\,6000)'"));
+    EXPECT_EQ(Export(two_minutes, part).code, 1);  // it exists
+
+    ASSERT_EQ(tool("play --store " + store + " " + noon + " --out " + (dir / "cam{}")).code, 0);
+    for (size_t channel = 0; channel < 2; ++channel)
+        EXPECT_EQ(read_file(dir / ("cam" + std::to_string(channel))), read_file(inputs[channel]));
+}
+
+TEST_F(ToolMedia, ReachesAnAddressAgainAndEndsWithItsFileFinished) {
+    const std::string clip = dir / "clip.mp4", port = dir / "port", heard = dir / "heard", out = dir / "out.avi";
+    ASSERT_EQ(run("ffmpeg -v error -i " + media + "480x270.h264 -t 4 -c copy " + clip).code, 0);
+    const Child server(std::string("/usr/bin/python3 " RECVAULT_SOURCE_DIR "/tests/rtsp_server.py ") + clip + " >" + port);
+    ASSERT_TRUE(wait_until([&] { return read_file(port).ends_with("\n"); }));
+    const std::string address = "rtsp://127.0.0.1:" + std::to_string(std::stoi(read_file(port))) + "/stream";
+    Child recorder(RECVAULT_TOOL " record --device gate --store " + store + " --reconnect 0.1 " + address);
+    const std::string sent = Hash(address);
+    // 40 bytes a frame: the stream of 100 has come to its end, and was taken up again.
+    ASSERT_TRUE(wait_until([&] {
+        const auto sides = find_files(store, "_idx");
+        return !sides.empty() && fs::file_size(sides[0]) > 130 * 40;
+    }));
+    EXPECT_EQ(recorder.End(SIGINT), 0);
+    EXPECT_THAT(tool("check " + store).out, testing::HasSubstr("1 files, 0 findings\n"));
+    ASSERT_EQ(Export("--from 2020-01-01T00:00:00 --to 2099-01-01T00:00:00", out).code, 0);
+    EXPECT_EQ(Hash(out, "noise=drop='gte(n\\,100)'"), sent);
 }
 
 }  // namespace
