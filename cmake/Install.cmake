@@ -23,3 +23,12 @@ cmake_path(APPEND pc_libdir "\${prefix}" "${CMAKE_INSTALL_LIBDIR}")
 cmake_path(APPEND pc_includedir "\${prefix}" "${CMAKE_INSTALL_INCLUDEDIR}")
 configure_file("${CMAKE_CURRENT_LIST_DIR}/recvault.pc.in" "${PROJECT_BINARY_DIR}/recvault.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/recvault.pc" DESTINATION "${pkgconfig_dir}")
+
+if(TARGET recvault_tool)
+    cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_LIBDIR BASE_DIRECTORY "${CMAKE_INSTALL_FULL_BINDIR}" OUTPUT_VARIABLE lib_from_bin)
+    set_target_properties(recvault_tool PROPERTIES INSTALL_RPATH "$ORIGIN/${lib_from_bin}")
+    install(TARGETS recvault_tool RUNTIME)
+    install(FILES "${PROJECT_SOURCE_DIR}/tools/recvault.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
+    install(FILES "${PROJECT_SOURCE_DIR}/tools/recvault.bash" RENAME recvault
+        DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions")
+endif()
