@@ -53,7 +53,7 @@ check_format() {
     find src include tests benchmarks examples tools -name '*.h' -print0 -o -name '*.c' -print0 -o -name '*.cpp' -print0 |
         xargs -0 clang-format-14 --dry-run -Werror --ferror-limit=1
 }
-check_tidy() { find src -name '*.cpp' -print0 | xargs -0 -n 1 -P 2 clang-tidy-14 --quiet -p build/clang; }
+check_tidy() { find src tools -name '*.cpp' -print0 | xargs -0 -n 1 -P 2 clang-tidy-14 --quiet -p build/clang; }
 configure() { cmake --preset "$1"; }
 build() { cmake --build --preset "$@"; }
 # Under the sanitizers everything runs against everything else for a minute.

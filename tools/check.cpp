@@ -220,6 +220,7 @@ void check_store(const std::string &root, Findings *findings, Totals *totals) {
     };
     const std::vector<ChannelFolder> folders = channel_folders(root, {}, stray);
     std::vector<Subject> subjects;
+    subjects.reserve(folders.size());
     for (const ChannelFolder &folder : folders)
         subjects.push_back({[&folder](Findings *found) { return FolderCheck(folder, found).run(); }, {}});
     look_twice(&subjects);

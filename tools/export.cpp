@@ -124,10 +124,9 @@ class Bar {
 ChannelReader only_channel(const RangeOptions &range) {
     std::map<int, ChannelReader> readers = read_range(range);
     if (readers.size() > 1) {
-        std::vector<int> channels;
-        for (const auto &[channel, reader] : readers) channels.push_back(channel);
-        throw Failure(
-            fmt::format("several channels have recordings: choose one with --channel, of {}", fmt::join(channels, ", ")));
+        std::string channels;
+        for (const auto &[channel, reader] : readers) channels += fmt::format(" {}", channel);
+        throw Failure(fmt::format("several channels have recordings: choose one with --channel, of{}", channels));
     }
     return std::move(readers.begin()->second);
 }

@@ -5,7 +5,7 @@
 
 #include "command.h"
 
-int main(int argc, char **argv) {
+int main(int argc, char **argv) try {
     using namespace recvault_tool;
     CLI::App app(
         "Looks at the store of a video recorder, checks it, records into it and takes recordings out.\n"
@@ -28,9 +28,9 @@ int main(int argc, char **argv) {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
         return app.exit(error);
-    } catch (const std::exception &failure) {
-        std::fprintf(stderr, "recvault: %s\n", failure.what());
-        return 1;
     }
     return 0;
+} catch (const std::exception &failure) {
+    std::fprintf(stderr, "recvault: %s\n", failure.what());
+    return 1;
 }

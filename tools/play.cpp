@@ -107,6 +107,7 @@ void run(const Options &options) {
         throw Failure("pictures do not go to a terminal: pipe them to a player, as in | ffplay -, or give --out");
     std::signal(SIGPIPE, SIG_IGN);
     std::vector<Lane> lanes;
+    lanes.reserve(readers.size());
     for (auto &[channel, reader] : readers) lanes.push_back({std::move(reader), Stream(name_for(options.out, channel)), {}});
     try {
         play(&lanes);

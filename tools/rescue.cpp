@@ -241,8 +241,7 @@ void rescue(const fs::path &path, const fs::path &folder, const Progress &progre
     };
     const auto damage = [&damaged](uint64_t from, uint64_t to) { damaged += from < kHeadSize ? 0 : to - from; };
     // Without its head the frames stand anywhere.
-    const std::string first = source.read(kHeadSize, kRecordHead);
-    const bool headless = first.size() < kRecordHead || !parse_frame(kHeadSize, first.data());
+    const bool headless = !frame_at(&source, kHeadSize, source.size());
     walk_frames(&source, headless ? 0 : kHeadSize, source.size(), each, damage);
     if (copy.video() + copy.audio() == 0)
         throw Failure("holds no whole frame: nothing of it can be played, look for another copy");

@@ -7,9 +7,10 @@
 #include <algorithm>
 #include <bit>
 #include <charconv>
-#include <chrono>
 #include <cstring>
 #include <ctime>
+#include <iomanip>
+#include <sstream>
 
 #include "command.h"
 
@@ -141,14 +142,14 @@ std::optional<Frame> parse_frame(uint64_t position, const char *bytes) {
     return known && fits ? std::optional(frame) : std::nullopt;
 }
 
-namespace {
-
 std::optional<Frame> frame_at(Source *file, uint64_t position, uint64_t end) {
     std::array<char, kRecordHead> bytes{};
     if (position + bytes.size() > end || file->read(position, bytes.data(), bytes.size()) != bytes.size())
         return std::nullopt;
     return parse_frame(position, bytes.data());
 }
+
+namespace {
 
 bool index_at(Source *file, uint64_t position, uint64_t end) {
     std::array<char, 4> bytes{};
@@ -447,16 +448,15 @@ std::tm fields_of(int64_t second) {
 
 }  // namespace
 
+// std::get_time is lenient; what it took has to be written the way it was given.
 int64_t parse_time(const std::string &text) {
-    int year = 0, hour = 0, minute = 0, second = 0, used = 0;
-    unsigned month = 0, day = 0;
-    const int fields =
-        std::sscanf(text.c_str(), "%4d-%2u-%2u%*1[T ]%2d:%2d:%2d%n", &year, &month, &day, &hour, &minute, &second, &used);
-    const std::chrono::year_month_day date{std::chrono::year(year), std::chrono::month(month), std::chrono::day(day)};
-    const bool valid = fields == 6 && static_cast<size_t>(used) == text.size() && date.ok() && hour >= 0 && hour <= 23 &&
-                       minute >= 0 && minute <= 59 && second >= 0 && second <= 59;
-    if (!valid) throw Failure(fmt::format("'{}' is no time: give it as in 2026-11-25T14:30:00", text));
-    return std::chrono::sys_days(date).time_since_epoch() / std::chrono::seconds(1) + hour * 3600 + minute * 60 + second;
+    std::string iso = text;
+    if (iso.size() > 10 && iso[10] == ' ') iso[10] = 'T';
+    std::tm fields{};
+    std::istringstream(iso) >> std::get_time(&fields, "%Y-%m-%dT%H:%M:%S");
+    const int64_t second = timegm(&fields);
+    if (iso_time(second) != iso) throw Failure(fmt::format("'{}' is no time: give it as in 2026-11-25T14:30:00", text));
+    return second;
 }
 
 std::string iso_time(int64_t second) { return fmt::format("{:%Y-%m-%dT%H:%M:%S}", fields_of(second)); }

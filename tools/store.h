@@ -104,6 +104,7 @@ struct Frame {
 };
 // The frame record whose head these 64 bytes are; nothing when they are none.
 std::optional<Frame> parse_frame(uint64_t position, const char *bytes);
+std::optional<Frame> frame_at(Source *file, uint64_t position, uint64_t end);
 
 // Goes over the frame records from `begin` to `end`. Between them, and before the first, `damage` gets each stretch of bytes
 // that belongs to none. A record whose data hold the head of another one is damage itself: its size is wrong. Ends at the

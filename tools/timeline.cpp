@@ -236,7 +236,7 @@ void write_page(const Days &days, std::ostream &page) {
     uint32_t types = 0;
     for (const auto &[day, lanes] : days) {
         for (const Lane &lane : lanes) {
-            for (const Segment &segment : lane.segments) types |= 1U << (lowest_type(segment.types) - 1);
+            for (const Segment &segment : lane.segments) types |= segment.types & (~segment.types + 1);  // the lowest
         }
     }
     page << kPageHead
