@@ -14,6 +14,11 @@ constexpr int32_t kBadHandle = KELM_AVIFILE_BAD_HANDLE;
 
 int32_t no_frame(int32_t, int32_t, int32_t, int32_t, int64_t, const void *, int32_t, int32_t, uintptr_t) { return 0; }
 
+// Where calls that are refused would put their results.
+thread_local uint32_t out_word;
+thread_local uint64_t out_bytes;
+thread_local RecFileInfo out_file;
+
 struct Call {
     const char *what;
     int32_t expected;
@@ -53,11 +58,7 @@ std::vector<Call> bad_calls() {
         {"partition null", kBadArgument, [] { return KELM_AviFile_AddRecPartition(nullptr); }},
         {"removal null", kBadArgument, [] { return KELM_AviFile_DelRecPartition(nullptr); }},
         {"used space null", kBadArgument, [] { return KELM_AviFile_GetRecUsedSpace("/", nullptr); }},
-        {"unknown partition", KELM_AVIFILE_FAILED,
-         [] {
-             uint64_t n;
-             return KELM_AviFile_GetRecUsedSpace("/none", &n);
-         }},
+        {"unknown partition", KELM_AVIFILE_FAILED, [] { return KELM_AviFile_GetRecUsedSpace("/none", &out_bytes); }},
         {"device null", kBadArgument, [] { return KELM_AviFile_CreateDevHandle(nullptr, "x"); }},
         {"device without name", kBadArgument, device("")},
         {"device named dot", kBadArgument, device(".")},
@@ -104,11 +105,7 @@ std::vector<Call> bad_calls() {
         {"pop key skip 4", kBadArgument, [] { return KELM_AviFile_DataPopSetKeyFrame(33, 1, 4); }},
         {"pop key 33", kBadHandle, [] { return KELM_AviFile_DataPopSetKeyFrame(33, 1, 3); }},
         {"pop size null", KELM_AVIFILE_FAILED, [] { return KELM_AviFile_DataPopGetDataSize(33, nullptr); }},
-        {"pop size 33", kBadHandle,
-         [] {
-             uint64_t n;
-             return KELM_AviFile_DataPopGetDataSize(33, &n);
-         }},
+        {"pop size 33", kBadHandle, [] { return KELM_AviFile_DataPopGetDataSize(33, &out_bytes); }},
         {"pop direct 33", kBadHandle, [] { return KELM_AviFile_DataPopSetDirect(33, 1); }},
         {"segments channel", kBadArgument, segments(1024, 1, 2, 1, 1)},
         {"segments type", kBadArgument, segments(0, 1, 2, 9, 1)},
@@ -118,38 +115,18 @@ std::vector<Call> bad_calls() {
         {"segments null", kBadArgument, [] { return KELM_AviFile_GetRecSegList(0, 1, 2, 1, nullptr, nullptr, 1); }},
         {"release null list", kBadArgument, [] { return KELM_AviFile_ReleaseRecSegList(nullptr); }},
         {"days null", kBadArgument, [] { return KELM_AviFile_JudgeIFHaveDataByDays(0, 31, nullptr, 1); }},
-        {"days 32", kBadArgument,
-         [] {
-             uint32_t n;
-             return KELM_AviFile_JudgeIFHaveDataByDays(0, 32, &n, 1);
-         }},
+        {"days 32", kBadArgument, [] { return KELM_AviFile_JudgeIFHaveDataByDays(0, 32, &out_word, 1); }},
         {"query null", kBadArgument, [=] { return KELM_AviFile_QueryRecFilesStart(none, 0, -1, 1); }},
-        {"query channel", kBadArgument,
-         [] {
-             uint32_t n;
-             return KELM_AviFile_QueryRecFilesStart(&n, 1024, -1, 1);
-         }},
+        {"query channel", kBadArgument, [] { return KELM_AviFile_QueryRecFilesStart(&out_word, 1024, -1, 1); }},
         {"next null", kBadArgument, [] { return KELM_AviFile_GetNextRecFile(1, nullptr); }},
-        {"next 257", kBadHandle,
-         [] {
-             RecFileInfo info;
-             return KELM_AviFile_GetNextRecFile(257, &info);
-         }},
+        {"next 257", kBadHandle, [] { return KELM_AviFile_GetNextRecFile(257, &out_file); }},
         {"query stop 257", kBadHandle, [] { return KELM_AviFile_QueryRecFilesStop(257); }},
         {"delete channel", kBadArgument, [] { return KELM_AviFile_DelAviFiles(1024, -1, 1); }},
         {"delete device", kBadHandle, [] { return KELM_AviFile_DelAviFiles(0, -1, 0); }},
         {"delete null", kBadArgument, [] { return KELM_AviFile_DelAviFileByName(nullptr); }},
         {"save null", kBadArgument, [=] { return KELM_AviFile_SaveStart(none, "x.avi"); }},
-        {"save empty", kBadArgument,
-         [] {
-             uint32_t n;
-             return KELM_AviFile_SaveStart(&n, "");
-         }},
-        {"save by name empty", kBadArgument,
-         [] {
-             uint32_t n;
-             return KELM_AviFile_SaveStart_ByName(&n, nullptr);
-         }},
+        {"save empty", kBadArgument, [] { return KELM_AviFile_SaveStart(&out_word, ""); }},
+        {"save by name empty", kBadArgument, [] { return KELM_AviFile_SaveStart_ByName(&out_word, nullptr); }},
         {"save input head", kBadArgument, [] { return KELM_AviFile_SaveInput(33, head, 37, data, 100); }},
         {"save input 33", kBadHandle, [] { return KELM_AviFile_SaveInput(33, head, 36, data, 100); }},
         {"save input free", KELM_AVIFILE_NOT_RUNNING, [] { return KELM_AviFile_SaveInput(32, head, 36, data, 100); }},

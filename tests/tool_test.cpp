@@ -283,7 +283,8 @@ TEST_F(ToolMedia, GivesBackWhatItTook) {
     const Outcome recorded =
         Record("--begin 2026-11-20T12:00:00 " + inputs[0] + " " + inputs[1] + " " + inputs[2] + " " + ten);
     ASSERT_EQ(recorded.code, 0) << recorded.out;
-    EXPECT_THAT(recorded.out, testing::ContainsRegex("channel 3 ended .*25.0 fps .* 15000 pictures 0 dropped "));
+    EXPECT_THAT(recorded.out,
+                testing::ContainsRegex("channel 3 ended .*25.0 fps .* 0 dropped .*/120000.avi 15000 pictures"));
     EXPECT_THAT(tool("check " + store).out, testing::HasSubstr("4 files, 0 findings\n"));
     for (size_t channel = 0; channel < inputs.size(); ++channel) {
         const std::string out = dir / (std::to_string(channel) + ".avi");

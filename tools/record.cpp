@@ -103,7 +103,8 @@ class Display {
         if (isatty(fileno(m_log.err())) != 1 || Clock::now() < m_next) return;
         m_next = Clock::now() + milliseconds(500);
         go_back();
-        for (const auto &channel : channels) fmt::print(m_log.err(), "{}\033[K\n", line_of(*channel).substr(0, columns()));
+        for (const auto &channel : channels)
+            fmt::print(m_log.err(), "{}\033[K\n", line_of(*channel, false).substr(0, columns()));
         std::fflush(m_log.err());
         m_lines = channels.size();
     }
@@ -113,7 +114,7 @@ class Display {
         fmt::print(m_log.err(), "{}", m_lines > 0 ? "\033[J" : "");
         std::fflush(m_log.err());
         m_shown.clear();  // the last line is that of the whole recording
-        for (const auto &channel : channels) fmt::print(m_log.out(), "{}\n", line_of(*channel));
+        for (const auto &channel : channels) fmt::print(m_log.out(), "{}\n", line_of(*channel, true));
     }
 
  private:
@@ -122,7 +123,7 @@ class Display {
     }
 
     // The rates are those of recorded time since the line before.
-    std::string line_of(ChannelRecorder &channel) {
+    std::string line_of(ChannelRecorder &channel, bool with_folder) {
         const Status now = channel.status();
         Status &before = m_shown[channel.number()];
         const bool first = before.end_usec == 0;
@@ -136,9 +137,10 @@ class Display {
             before = now;
         }
         const auto &[fps, kbits] = m_rates[channel.number()];
-        return fmt::format("channel {} {:9} {} {}x{} {:.1f} fps {:.0f} kbit/s {} pictures {} dropped {} {}",
-                           channel.number(), store_is_full ? "full" : now.state, now.codec, now.width, now.height, fps,
-                           kbits, now.pictures, now.dropped, now.file, channel.input());
+        return fmt::format("channel {} {:9} {}x{} {:.1f} fps {:.0f} kbit/s {} dropped {} {} pictures {} {}",
+                           channel.number(), store_is_full ? "full" : now.state, now.width, now.height, fps, kbits,
+                           now.dropped, with_folder ? now.file : fs::path(now.file).filename().string(), now.pictures,
+                           now.codec, channel.input());
     }
 
     size_t columns() const {
