@@ -20,6 +20,7 @@ namespace {
 
 constexpr uint32_t kKeyFrame = 1, kOtherVideo = 9;  // FrameHead.type
 constexpr int64_t kSecond = 1'000'000;
+constexpr int64_t kDriftStep = 1000;
 constexpr auto kDiskPatience = std::chrono::seconds(30);
 
 }  // namespace
@@ -43,7 +44,8 @@ ChannelRecorder::~ChannelRecorder() {
     m_thread.join();
 }
 
-void ChannelRecorder::start(const fs::path &store, const std::string &device_name, int32_t device) {
+void ChannelRecorder::start(const fs::path &store, const std::string &device_name, int32_t device, int64_t now) {
+    m_start_usec = now;
     m_device = device;
     m_days = store / "avi_av";
     m_watch = std::make_unique<FileWatch>(store, device_name, m_number);
@@ -80,8 +82,7 @@ void ChannelRecorder::run() {
 
 // True if the input may be opened again.
 bool ChannelRecorder::record_input() {
-    m_base_usec =
-        m_pictures == 0 ? m_options.begin.value_or(wall_clock_usec()) : std::max(m_last_usec + 1, wall_clock_usec());
+    m_base_usec.reset();
     m_opened = Clock::now();
     while (m_input.read([this](const InputFrame &frame) { take(frame); })) {
     }
@@ -141,16 +142,28 @@ void ChannelRecorder::take(const InputFrame &frame) {
     }
 }
 
+// What is read from files begins together, where it is not said otherwise; what comes over a network, when it comes.
+int64_t ChannelRecorder::begin_of_opening() const {
+    if (m_pictures > 0) return std::max(m_last_usec + 1, wall_clock_usec());
+    if (m_options.begin) return *m_options.begin;
+    return m_input.is_live() ? wall_clock_usec() : m_start_usec;
+}
+
 // By the media the time follows the input. By the wall clock it is that of the arrival, and a file that arrives as fast
 // as it is read is held back to its own pace.
 int64_t ChannelRecorder::time_for(const InputFrame &frame) {
-    int64_t usec = m_base_usec + frame.usec;
+    if (!m_base_usec) m_base_usec = begin_of_opening();
+    int64_t usec = *m_base_usec + frame.usec;
     if (m_options.wall_clock) {
         while (!m_input.is_live() && Clock::now() < m_opened + std::chrono::microseconds(frame.usec) && !stop_asked) {
             std::this_thread::sleep_until(
                 std::min(m_opened + std::chrono::microseconds(frame.usec), Clock::now() + milliseconds(100)));
         }
         usec = wall_clock_usec();
+    } else if (m_input.is_live() && !m_options.begin) {
+        // A camera's clock drifts, and its recording goes on for months: the base is led after, a millisecond a frame.
+        const int64_t off = wall_clock_usec() - usec;
+        if (std::abs(off) > kSecond) *m_base_usec += off > 0 ? kDriftStep : -kDriftStep;
     }
     int64_t &last = frame.audio ? m_last_audio_usec : m_last_usec;
     last = std::max(usec, last + 1);

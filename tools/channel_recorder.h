@@ -44,7 +44,7 @@ class ChannelRecorder {
     ChannelRecorder(const ChannelRecorder &) = delete;
     ChannelRecorder &operator=(const ChannelRecorder &) = delete;
 
-    void start(const fs::path &store, const std::string &device_name, int32_t device);
+    void start(const fs::path &store, const std::string &device_name, int32_t device, int64_t now);
 
     // Ends a read that waits for input, so that its thread sees the stop.
     void interrupt();
@@ -61,6 +61,7 @@ class ChannelRecorder {
     bool record_input();
     bool reconnect();
     void take(const InputFrame &frame);
+    int64_t begin_of_opening() const;
     int64_t time_for(const InputFrame &frame);
     void wait_for_disk(size_t next_bytes);
     void publish(const char *state);
@@ -74,7 +75,8 @@ class ChannelRecorder {
     // Of the thread, and before and behind it of the one that made the channel.
     Input m_input;
     std::unique_ptr<FileWatch> m_watch;
-    int64_t m_base_usec = 0;
+    int64_t m_start_usec = 0;
+    std::optional<int64_t> m_base_usec;  // time of the first frame of this opening
     std::chrono::steady_clock::time_point m_opened;
     uint32_t m_frame_no = 0;
     int64_t m_begin_usec = 0, m_last_usec = 0, m_last_audio_usec = 0;

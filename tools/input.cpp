@@ -61,7 +61,7 @@ void Input::Deleter::operator()(AVPacket *packet) const { av_packet_free(&packet
 
 Input::Input(std::string name, const InputOptions &options)
     : m_name(std::move(name)), m_options(options), m_packet(av_packet_alloc()) {
-    m_live = m_name.find("://") != std::string::npos && !m_name.starts_with("file:");
+    m_network = m_name.find("://") != std::string::npos && !m_name.starts_with("file:");
     if (m_name.starts_with("rtsp://")) {
         m_options.demuxer.try_emplace("rtsp_transport", "tcp");  // over UDP a busy machine loses pictures
     }
@@ -72,7 +72,7 @@ Input::~Input() = default;
 
 int Input::is_interrupted(void *source) {
     const auto &self = *static_cast<const Input *>(source);
-    return stop_asked || (self.m_live && steady_usec() > self.m_deadline) ? 1 : 0;
+    return stop_asked || (self.m_network && steady_usec() > self.m_deadline) ? 1 : 0;
 }
 
 void Input::open() {
@@ -91,6 +91,8 @@ void Input::open() {
     if (result < 0) {
         throw Failure(fmt::format("{} cannot be opened: {}", m_name, stop_asked ? "stopped" : reason(result)));
     }
+    // A file that lies on a server waits as one on the disk does.
+    m_live = m_network && (m_input->pb == nullptr || (m_input->pb->seekable & AVIO_SEEKABLE_NORMAL) == 0);
     choose_streams();
     m_filter.reset();
     if (!is_jpeg()) open_filter();

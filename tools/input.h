@@ -49,7 +49,7 @@ class Input {
     void reopen();
 
     const std::string &name() const { return m_name; }
-    bool is_live() const { return m_live; }  // comes over a network: it does not wait, and can be reached again
+    bool is_live() const { return m_live; }  // it does not wait, and can be reached again
     bool is_jpeg() const;
     const char *codec() const { return is_jpeg() ? "Motion JPEG" : "H.264"; }
     uint8_t audio_codec() const;  // as in FrameHead, 0 for no sound
@@ -80,6 +80,7 @@ class Input {
 
     std::string m_name;
     InputOptions m_options;
+    bool m_network = false;
     bool m_live = false;
     int64_t m_deadline = 0;  // of what is under way, for live inputs
 

@@ -167,8 +167,7 @@ void record_until_the_end(const Channels &channels, Display *display) {
 }
 
 void parse(Options *options) {
-    // Of files, which are all there, the channels begin together.
-    options->record.begin = options->begin.empty() ? wall_clock_usec() : parse_time(options->begin) * 1'000'000;
+    if (!options->begin.empty()) options->record.begin = parse_time(options->begin) * 1'000'000;
     for (const std::string &option : options->input_options) {
         const size_t equals = option.find('=');
         if (equals == std::string::npos)
@@ -191,7 +190,8 @@ void run(Options *options) {
         channels.push_back(std::make_unique<ChannelRecorder>(options->record, number, input, options->input));
     }
     library.emplace(*options);
-    for (const auto &channel : channels) channel->start(library->root(), options->device, library->device());
+    const int64_t now = wall_clock_usec();
+    for (const auto &channel : channels) channel->start(library->root(), options->device, library->device(), now);
     Display display(log);
     record_until_the_end(channels, &display);
     for (const auto &channel : channels) channel->finish();
