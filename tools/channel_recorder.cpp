@@ -20,7 +20,7 @@ namespace {
 
 constexpr uint32_t kKeyFrame = 1, kOtherVideo = 9;  // FrameHead.type
 constexpr int64_t kSecond = 1'000'000;
-constexpr int64_t kDriftStep = 1000;
+constexpr int64_t kMostDrift = 5 * kSecond, kDriftStep = 1000;
 constexpr auto kDiskPatience = std::chrono::seconds(30);
 
 }  // namespace
@@ -163,7 +163,7 @@ int64_t ChannelRecorder::time_for(const InputFrame &frame) {
     } else if (m_input.is_live() && !m_options.begin) {
         // A camera's clock drifts, and its recording goes on for months: the base is led after, a millisecond a frame.
         const int64_t off = wall_clock_usec() - usec;
-        if (std::abs(off) > kSecond) *m_base_usec += off > 0 ? kDriftStep : -kDriftStep;
+        if (std::abs(off) > kMostDrift) *m_base_usec += off > 0 ? kDriftStep : -kDriftStep;
     }
     int64_t &last = frame.audio ? m_last_audio_usec : m_last_usec;
     last = std::max(usec, last + 1);
