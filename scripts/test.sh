@@ -36,6 +36,7 @@ step() { # name command...
         exit 1
     fi
     printf 'ok %4d s\n' $((SECONDS - begin))
+    sed -n 's/^count: /    /p' "$log"
 }
 
 # Adds what ctest says at its end: "98% tests passed, 3 tests failed out of 120", where those passed hold those skipped.
@@ -53,14 +54,15 @@ check_format() {
     find src include tests benchmarks examples tools -name '*.h' -print0 -o -name '*.c' -print0 -o -name '*.cpp' -print0 |
         xargs -0 clang-format-14 --dry-run -Werror --ferror-limit=1
 }
-check_tidy() { find src tools -name '*.cpp' -print0 | xargs -0 -n 1 -P 2 clang-tidy-14 --quiet -p build/clang; }
+check_tidy() { find src -name '*.cpp' -print0 | xargs -0 -n 1 -P 2 clang-tidy-14 --quiet -p build/clang; }
 configure() { cmake --preset "$1"; }
 build() { cmake --build --preset "$@"; }
 # Under the sanitizers everything runs against everything else for a minute.
 run_tests() {
     local seconds=60
     [[ $1 == release ]] && seconds=3
-    RECVAULT_STRESS_SECONDS=$seconds ctest --preset "$1"
+    RECVAULT_STRESS_SECONDS=$seconds ctest --preset "$1" || return
+    grep -a '^count: ' "build/$1/Testing/Temporary/LastTest.log"
 }
 
 build_and_test() { # preset

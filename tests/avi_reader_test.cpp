@@ -230,6 +230,8 @@ TEST_F(AviReader, RepairKeepsEachWholeFrameWhereverTheFileWasCut) {
         for (size_t i = 0; i < survivors; ++i) ASSERT_EQ(file.frames[i].data, frames[i].data);
         ASSERT_FALSE(fs::exists(cut + "_idx"));
     }
+    std::cout << "count: cut at each of " << whole.size() + 1 - record_pos(side, frames.size() - 2)
+              << " bytes, the whole frames survive\n";
     for (size_t size : {0, 1, 12, 20, 24, 100, 212, 220, 74236, 77812, 77823}) {  // inside the head: no record file
         write_file(cut, whole.substr(0, size));
         write_file(cut + "_idx", side);

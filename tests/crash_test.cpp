@@ -129,7 +129,8 @@ TEST_F(Crash, LosesNothingThatReachedTheDiskInAnyRound) {
         }
         if (round % 5 == 4) fs::remove_all(store / "avi_av");  // so that a round does not get longer and longer
     }
-    std::printf("seed %u, %d rounds: %zu cut files mended, %zu frames found again\n", kSeed, kRounds, files, frames);
+    std::printf("count: kill loop, seed %u, %d rounds: %zu cut files mended, %zu frames found again\n", kSeed, kRounds,
+                files, frames);
     EXPECT_GT(files, static_cast<size_t>(kRounds));
 }
 

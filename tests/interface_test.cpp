@@ -308,7 +308,7 @@ TEST_F(RecordingTest, KeepsItsStoreWhileEverybodyAsks) {
     }
     done = true;
     for (auto &other : others) other.join();
-    std::cout << frames_played << " frames were played\n";
+    std::cout << "count: everything at once, " << frames_played << " frames were played\n";
     for (uint32_t channel = 0; channel < 16; ++channel) KELM_AviFile_RecStop(channel, device);
     uint64_t recorded = 0;
     for (const auto &path : find_files(store.path(), "rec_index.bin")) {

@@ -53,9 +53,9 @@ class Soak : public RecordingTest {
         }
         for (uint32_t channel = 0; channel < kChannels; ++channel) KELM_AviFile_RecStop(channel, device);
         const size_t left = Files().size();
-        std::cout << way << ": " << rounds * kRound << " bytes in " << rounds * kChannels << " files, of which "
-                  << rounds * kChannels - left << " went; of " << kBudget << " bytes at most " << most_used
-                  << " were used, and at most " << most_on_disk << " lay on the disk\n";
+        std::cout << "count: soak " << way << ", " << rounds * kRound << " bytes in " << rounds * kChannels
+                  << " files, of which " << rounds * kChannels - left << " went; of " << kBudget << " bytes at most "
+                  << most_used << " were used, and at most " << most_on_disk << " lay on the disk\n";
         EXPECT_LT(left, rounds * kChannels);
         EXPECT_LE(std::max(most_used, most_on_disk), kBudget + kRound);
     }

@@ -8,7 +8,7 @@
 #include <csignal>
 #include <ctime>
 
-#include "command.h"
+#include "failure.h"
 #include "library.h"
 
 namespace recvault_tool {

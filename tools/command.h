@@ -1,15 +1,11 @@
-// What the subcommands of `recvault` share: how one registers itself, and how a failure reaches the user.
+// The subcommands of `recvault`, and how each registers itself.
 #pragma once
 
 #include <CLI/CLI.hpp>
-#include <stdexcept>
+
+#include "failure.h"
 
 namespace recvault_tool {
-
-// What the user can mend: shown as one line that says what to do, exit code 1.
-class Failure : public std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
 
 // Each adds its subcommand, with its options and its work as the callback, which throws a Failure when it cannot be done.
 void add_ls(CLI::App &app);

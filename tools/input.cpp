@@ -14,7 +14,7 @@ extern "C" {
 #include <libavutil/dict.h>
 }
 
-#include "command.h"
+#include "failure.h"
 #include "library.h"
 
 namespace recvault_tool {

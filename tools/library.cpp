@@ -7,7 +7,7 @@
 #include <csignal>
 #include <cstring>
 
-#include "command.h"
+#include "failure.h"
 
 namespace recvault_tool {
 

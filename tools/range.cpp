@@ -1,12 +1,13 @@
 #include "range.h"
 
 #include <fmt/format.h>
+#include <CLI/CLI.hpp>
 
 #include <algorithm>
 #include <set>
 #include <utility>
 
-#include "command.h"
+#include "failure.h"
 
 namespace recvault_tool {
 

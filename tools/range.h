@@ -2,13 +2,16 @@
 // documented format alone, so that it may run beside a recorder, on a disk that must not be written, and to the last frame.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <map>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "store.h"
+
+namespace CLI {
+class App;
+}
 
 namespace recvault_tool {
 

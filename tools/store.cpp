@@ -12,7 +12,7 @@
 #include <iomanip>
 #include <sstream>
 
-#include "command.h"
+#include "failure.h"
 
 namespace recvault_tool {
 
