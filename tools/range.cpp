@@ -60,15 +60,32 @@ void ChannelReader::open_next_file() {
     walk_frames(&m_source, kHeadSize, m_source.size(), take, [](uint64_t, uint64_t) {});
 }
 
+namespace {
+
+// A file is named after its begin, and may end on the next day.
+std::set<std::string> days_of(const std::vector<std::string> &stores, int64_t begin, int64_t end) {
+    const std::string first = day_of(begin - kSegmentSpan), last = day_of(end - 1);
+    std::set<std::string> days;
+    for (const fs::path store : stores) {
+        require_store(store);
+        for (const auto &entry : entries_of(store / "avi_av")) {
+            std::string name = entry.path().filename().string();
+            if (is_day(name) && name >= first && name <= last) days.insert(std::move(name));
+        }
+    }
+    return days;
+}
+
+}  // namespace
+
 std::map<int, ChannelReader> read_range(RangeOptions options) {
     const int64_t begin = parse_time(options.from), end = parse_time(options.to);
     if (begin >= end)
         throw Failure(fmt::format("from {} to {} is no range: --to comes after --from", options.from, options.to));
     std::map<int, std::vector<Recording>> files;
     std::set<std::string> devices;
-    // A file is named after its begin, and may end on the next day.
-    for (int64_t day = (begin - kSegmentSpan) / kDaySeconds; day <= (end - 1) / kDaySeconds; ++day) {
-        options.filter.day = day_of(day * kDaySeconds);
+    for (const std::string &day : days_of(options.stores, begin, end)) {
+        options.filter.day = day;
         for (Recording &file : recordings(options.stores, options.filter)) {
             if (file.end() < begin || file.begin() >= end) continue;
             devices.insert(file.device);
