@@ -298,6 +298,9 @@ TEST_F(ToolMedia, GivesBackWhatItTook) {
     EXPECT_EQ(Pictures(part), "3000\n");
     EXPECT_EQ(Hash(part), Hash(ten, annex_b + ",noise=drop='lt(n\\,3000)+gte(n\\,6000)'"));
     EXPECT_EQ(Export(two_minutes, part).code, 1);  // it exists
+    write_file(dir / "new.avi.part", "mine");
+    EXPECT_EQ(Export(two_minutes, dir / "new.avi").code, 1);
+    EXPECT_EQ(read_file(dir / "new.avi.part"), "mine");
 
     ASSERT_EQ(tool("play --store " + store + " " + noon + " --out " + (dir / "cam{}")).code, 0);
     for (size_t channel = 0; channel < 2; ++channel)
@@ -305,7 +308,7 @@ TEST_F(ToolMedia, GivesBackWhatItTook) {
 }
 
 TEST_F(ToolMedia, ReachesAnAddressAgainAndEndsWithItsFileFinished) {
-    const std::string clip = dir / "clip.mp4", port = dir / "port", heard = dir / "heard", out = dir / "out.avi";
+    const std::string clip = dir / "clip.mp4", port = dir / "port", out = dir / "out.avi";
     ASSERT_EQ(run("ffmpeg -v error -i " + media + "480x270.h264 -t 4 -c copy " + clip).code, 0);
     const Child server(std::string("/usr/bin/python3 " RECVAULT_SOURCE_DIR "/tests/rtsp_server.py ") + clip + " >" + port);
     ASSERT_TRUE(wait_until([&] { return read_file(port).ends_with("\n"); }));

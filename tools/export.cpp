@@ -28,8 +28,10 @@ struct Options {
 class Target {
  public:
     explicit Target(const std::string &name) : m_name(name), m_part(name + ".part") {
-        if (fs::exists(fs::symlink_status(name)))
-            throw Failure(fmt::format("{} exists already: remove it, or choose another name", name));
+        for (const std::string &taken : {m_name, m_part}) {
+            if (fs::exists(fs::symlink_status(taken)))
+                throw Failure(fmt::format("{} exists already: remove it, or choose another name", taken));
+        }
         if (const fs::path folder = fs::absolute(name).parent_path(); !fs::is_directory(folder))
             throw Failure(fmt::format("there is no folder {}: make it first", folder.string()));
         if (KELM_AviFile_Init(0) != KELM_AVIFILE_OK) throw Failure("the library cannot be started: --log FILE tells why");
